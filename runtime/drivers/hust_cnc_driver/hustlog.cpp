@@ -1,0 +1,3 @@
+#include "hustlog.h"
+
+Q_LOGGING_CATEGORY(lcHustDriver, "hust.driver")

@@ -1,0 +1,3 @@
+#include "supportlog.h"
+
+Q_LOGGING_CATEGORY(lcDriverSupport, "hust.support")
