@@ -102,6 +102,9 @@ private slots:
     void setWriteBitError();
 
 private:
+    // Unit tests inspect the cache and the loop-read list through this class, defined only there.
+    friend class DriverHushCNCTestAccess;
+
     void raiseError(const QString &message);
 
     bool m_hasError;
