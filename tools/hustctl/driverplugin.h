@@ -1,0 +1,27 @@
+#ifndef DRIVERPLUGIN_H
+#define DRIVERPLUGIN_H
+
+#include <QPluginLoader>
+#include <QString>
+
+class DriverInterface;
+
+// Loads the driver plug-in file through Qt's loader, as the panel run-time does, and checks that
+// it carries the run-time's driver interface.
+class DriverPlugin
+{
+public:
+    // The plug-in built beside this program (../plugins from the executable's directory).
+    static QString defaultPath();
+
+    bool load(const QString &path);
+    DriverInterface *driver() const { return m_driver; }
+    QString errorString() const { return m_error; }
+
+private:
+    QPluginLoader m_loader;
+    DriverInterface *m_driver = nullptr;
+    QString m_error;
+};
+
+#endif // DRIVERPLUGIN_H
