@@ -307,6 +307,23 @@ void SerialPort::setError(Error error, const QString &text)
     qCWarning(lcHostSerial).noquote() << text;
 }
 
+bool SerialPort::makeLineSettings(const DeviceSetting &device, termios *settings, QString *refusal)
+{
+    makeRaw(settings);
+    if (!setBaudRate(settings, device.baudrate))
+        *refusal = QStringLiteral("unsupported baud rate %1").arg(device.baudrate);
+    else if (!setDataBits(settings, device.databits))
+        *refusal = QStringLiteral("unsupported data bits %1 (5 to 8)").arg(device.databits);
+    else if (!setParity(settings, device.parity))
+        *refusal = QStringLiteral("unsupported parity code %1 (0 none, 1 odd, 2 even)")
+                       .arg(device.parity);
+    else if (!setStopBits(settings, device.stopbits))
+        *refusal = QStringLiteral("unsupported stop bits %1 (1 or 2)").arg(device.stopbits);
+    else
+        return true;
+    return false;
+}
+
 bool SerialPort::configure(int fd, const DeviceSetting &device)
 {
     const QString path = devicePath(device.string);
@@ -317,18 +334,8 @@ bool SerialPort::configure(int fd, const DeviceSetting &device)
                  QStringLiteral("Cannot configure %1: %2").arg(path, systemReason(errnum)));
         return false;
     }
-    makeRaw(&settings);
     QString refused;
-    if (!setBaudRate(&settings, device.baudrate))
-        refused = QStringLiteral("unsupported baud rate %1").arg(device.baudrate);
-    else if (!setDataBits(&settings, device.databits))
-        refused = QStringLiteral("unsupported data bits %1 (5 to 8)").arg(device.databits);
-    else if (!setParity(&settings, device.parity))
-        refused = QStringLiteral("unsupported parity code %1 (0 none, 1 odd, 2 even)")
-                      .arg(device.parity);
-    else if (!setStopBits(&settings, device.stopbits))
-        refused = QStringLiteral("unsupported stop bits %1 (1 or 2)").arg(device.stopbits);
-    if (!refused.isEmpty()) {
+    if (!makeLineSettings(device, &settings, &refused)) {
         setError(Error::UnsupportedSetting,
                  QStringLiteral("Cannot configure %1: %2").arg(path, refused));
         return false;
@@ -340,13 +347,13 @@ bool SerialPort::configure(int fd, const DeviceSetting &device)
         return false;
     }
     // tcsetattr succeeds when any part was taken; a driver that cannot do the rest says so only
-    // through what it reports back.
+    // through what it reports back. Pseudo-terminals, for one, always keep 8 bits without parity.
     termios taken;
     const tcflag_t lineBits = CSIZE | PARENB | PARODD | CSTOPB;
     if (::tcgetattr(fd, &taken) == 0
         && ((taken.c_cflag & lineBits) != (settings.c_cflag & lineBits)
             || ::cfgetospeed(&taken) != ::cfgetospeed(&settings)))
-        qCWarning(lcHostSerial) << path << "did not take all line settings";
+        qCDebug(lcHostSerial) << path << "did not take all line settings";
     return true;
 }
 

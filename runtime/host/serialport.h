@@ -100,6 +100,9 @@ public:
 
     // The path a run-time port name stands for (see the class comment).
     static QString devicePath(const QString &name);
+    // Turns settings into raw-mode terminal settings with the device setting's line parameters;
+    // false with the reason when one of them is unsupported.
+    static bool makeLineSettings(const DeviceSetting &device, termios *settings, QString *refusal);
 
     // ---- AbstractDeviceInterface ----
     int readData(char *data, int maxSize) override;
