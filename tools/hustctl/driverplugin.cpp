@@ -13,6 +13,12 @@ QString DriverPlugin::defaultPath()
         .absoluteFilePath(QStringLiteral("../plugins/libhust_cnc_driver.so"));
 }
 
+DriverPlugin::~DriverPlugin()
+{
+    if (m_loader.isLoaded())
+        m_loader.unload();
+}
+
 bool DriverPlugin::load(const QString &path)
 {
     if (!QFileInfo::exists(path)) {

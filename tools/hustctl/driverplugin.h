@@ -14,6 +14,12 @@ public:
     // The plug-in built beside this program (../plugins from the executable's directory).
     static QString defaultPath();
 
+    DriverPlugin() = default;
+    // Deletes the driver and unloads the file.
+    ~DriverPlugin();
+    DriverPlugin(const DriverPlugin &) = delete;
+    DriverPlugin &operator=(const DriverPlugin &) = delete;
+
     bool load(const QString &path);
     DriverInterface *driver() const { return m_driver; }
     QString errorString() const { return m_error; }

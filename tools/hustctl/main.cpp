@@ -1,38 +1,23 @@
-#include "driverinterface.h"
+#include "command.h"
+#include "driverhost.h"
 #include "driverplugin.h"
-#include "drv_dev_setting.h"
+#include "link.h"
+#include "options.h"
+
+#include "driverinterface.h"
 
 #include <QCoreApplication>
-#include <QScopedPointer>
+#include <QLoggingCategory>
 #include <QTextStream>
 
 #include <cstdio>
 
 namespace {
 
-int usage(const QString &reason)
+int usage(QTextStream &err, const QString &reason)
 {
-    QTextStream err(stderr);
-    if (!reason.isEmpty())
-        err << "hustctl: " << reason << '\n';
-    err << "usage: hustctl [--plugin PATH] info|demo\n";
+    err << "hustctl: " << reason << '\n';
     return 2;
-}
-
-int printIdentity(DriverInterface *driver)
-{
-    QTextStream out(stdout);
-    QScopedPointer<DeviceSetting> device(driver->getDefaultSerialDeviceSetting());
-    QScopedPointer<DriverSetting> timing(driver->getDefaultDriverSetting());
-    out << "driver:   " << driver->name() << " (" << driver->vender() << ") "
-        << driver->getVersionNumber() << '\n'
-        << "line:     " << driver->getStringBasedDefaultDriverSetting() << '\n'
-        << "port:     " << device->string << ", " << device->baudrate << " baud, "
-        << device->databits << " data bits, parity code " << device->parity << ", "
-        << device->stopbits << " stop bits\n"
-        << "timing:   timeout " << timing->timeout << " ms, retry " << timing->retry
-        << ", station " << timing->stationid << ", delay " << timing->delay << " ms\n";
-    return 0;
 }
 
 } // namespace
@@ -40,27 +25,49 @@ int printIdentity(DriverInterface *driver)
 int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
-    QStringList args = app.arguments().mid(1);
-    QString pluginPath = DriverPlugin::defaultPath();
-    QString command;
-    for (int i = 0; i < args.size(); ++i) {
-        if (args.at(i) == QLatin1String("--plugin")) {
-            if (i + 1 >= args.size())
-                return usage(QStringLiteral("--plugin needs a path"));
-            pluginPath = args.at(++i);
-        } else if (command.isEmpty()) {
-            command = args.at(i);
-        } else {
-            return usage(QStringLiteral("unexpected argument \"%1\"").arg(args.at(i)));
-        }
-    }
-    if (command != QLatin1String("info") && command != QLatin1String("demo"))
-        return usage(command.isEmpty() ? QString() : QStringLiteral("unknown command \"%1\"").arg(command));
+    // hustctl reports failures itself in one line; the libraries' diagnostics stay available
+    // through QT_LOGGING_RULES.
+    QLoggingCategory::setFilterRules(QStringLiteral("hust.*.debug=false\nhust.host.warning=false"));
+    QTextStream out(stdout);
+    QTextStream err(stderr);
 
-    DriverPlugin plugin;
-    if (!plugin.load(pluginPath)) {
-        QTextStream(stderr) << "hustctl: " << plugin.errorString() << '\n';
-        return 1;
+    CtlOptions options;
+    QString reason;
+    if (!parseOptions(app.arguments().mid(1), &options, &reason))
+        return usage(err, reason);
+    if (options.help) {
+        out << usageText();
+        return 0;
     }
-    return printIdentity(plugin.driver());
+    std::unique_ptr<Command> command = Command::create(options.command);
+    if (!command->prepare(options, &reason))
+        return usage(err, reason);
+
+    // The driver decides when it is created whether it runs a link worker.
+    if (command->needsLink())
+        app.setProperty("zel_env", true);
+
+    Link link; // declared first, so that the driver is gone before its port
+    DriverPlugin plugin;
+    if (!plugin.load(options.pluginPath.isEmpty() ? DriverPlugin::defaultPath()
+                                                  : options.pluginPath))
+        return fail(err, plugin.errorString());
+
+    if (!command->needsLink()) {
+        CommandEnv env {options, plugin.driver(), nullptr, out, err};
+        return command->run(env);
+    }
+
+    if (!link.open(options.link, plugin.driver(), &reason))
+        return fail(err, reason);
+    DriverHost host(plugin.driver(), link.port());
+    CommandEnv env {options, plugin.driver(), &host, out, err};
+    const int status = command->run(env);
+    out.flush();
+
+    // Leave the screen as the run-time does when it shuts down: the driver stops its loop
+    // reading (and tells the controller) without waiting for another screen.
+    app.setProperty("isExit", true);
+    host.closeSession();
+    return status;
 }

@@ -1,0 +1,45 @@
+#ifndef HUSTCTL_COMMAND_H
+#define HUSTCTL_COMMAND_H
+
+#include "options.h"
+
+#include <QString>
+#include <QTextStream>
+
+#include <memory>
+
+class DriverHost;
+class DriverInterface;
+
+// What a command runs with: the loaded driver, the host that calls it over the open link (null
+// for commands that need no link) and the console.
+struct CommandEnv
+{
+    const CtlOptions &options;
+    DriverInterface *driver;
+    DriverHost *host;
+    QTextStream &out;
+    QTextStream &err;
+};
+
+// One command word of hustctl. prepare() checks the arguments before anything is opened or sent;
+// run() does the work and returns the exit status.
+class Command
+{
+public:
+    virtual ~Command() = default;
+
+    // Null for an unknown name.
+    static std::unique_ptr<Command> create(const QString &name);
+
+    // Whether run() talks to the controller (opens the link and starts the driver's worker).
+    virtual bool needsLink() const { return true; }
+    // May add simulator seeds to the link options. False with a one-line reason on a usage error.
+    virtual bool prepare(CtlOptions &options, QString *reason) = 0;
+    virtual int run(CommandEnv &env) = 0;
+};
+
+// Prints "hustctl: <message>" on the error stream and returns 1.
+int fail(QTextStream &err, const QString &message);
+
+#endif // HUSTCTL_COMMAND_H

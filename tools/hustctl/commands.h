@@ -1,0 +1,68 @@
+#ifndef HUSTCTL_COMMANDS_H
+#define HUSTCTL_COMMANDS_H
+
+#include "addressing.h"
+#include "command.h"
+
+#include <QList>
+#include <QStringList>
+
+// Identity and default settings of the plug-in.
+class InfoCommand : public Command
+{
+public:
+    bool needsLink() const override { return false; }
+    bool prepare(CtlOptions &options, QString *reason) override;
+    int run(CommandEnv &env) override;
+};
+
+// read ADDRESS [-t TYPE] [-c COUNT]
+class ReadCommand : public Command
+{
+public:
+    bool prepare(CtlOptions &options, QString *reason) override;
+    int run(CommandEnv &env) override;
+
+private:
+    Target m_target;
+};
+
+// write ADDRESS VALUE... [-t bit|dword], confirmed by reading the values back.
+class WriteCommand : public Command
+{
+public:
+    bool prepare(CtlOptions &options, QString *reason) override;
+    int run(CommandEnv &env) override;
+
+private:
+    Target m_target;
+    QList<quint32> m_values;
+    DriverRequest m_request;
+};
+
+// watch ADDRESS[:TYPE]... [-l MS] [-n REFRESHES]: a live table like a panel screen.
+class WatchCommand : public Command
+{
+public:
+    static constexpr int kDefaultIntervalMs = 500;
+
+    bool prepare(CtlOptions &options, QString *reason) override;
+    int run(CommandEnv &env) override;
+
+private:
+    QStringList m_keys;
+    QList<Target> m_targets;
+};
+
+// A screen of registers and bits on the built-in simulator, written to and read again.
+class DemoCommand : public Command
+{
+public:
+    bool prepare(CtlOptions &options, QString *reason) override;
+    int run(CommandEnv &env) override;
+
+private:
+    QList<Target> m_screen;
+};
+
+#endif // HUSTCTL_COMMANDS_H

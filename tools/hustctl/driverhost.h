@@ -1,0 +1,48 @@
+#ifndef HUSTCTL_DRIVERHOST_H
+#define HUSTCTL_DRIVERHOST_H
+
+#include "communicatorcommand.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QString>
+
+class AbstractDeviceInterface;
+class DriverInterface;
+
+// Calls the driver the way the panel run-time does: from the thread that owns it, with that
+// thread's event loop running between calls so that the driver's queued error slots are served.
+class DriverHost
+{
+public:
+    // Pause between two reads of the same request while the driver's cache fills.
+    static constexpr int kPollIntervalMs = 50;
+
+    DriverHost(DriverInterface *driver, AbstractDeviceInterface *port);
+
+    struct ReadResult
+    {
+        enum Outcome { Data, Error, TimedOut } outcome = TimedOut;
+        QByteArray data;
+        QString error;
+    };
+
+    // One read call. An empty answer without a pending error means "not yet" (Outcome TimedOut).
+    ReadResult readOnce(const CommunicatorCommand &command);
+    // Reads until data arrives, the driver reports an error or timeoutMs pass.
+    ReadResult poll(const CommunicatorCommand &command, int timeoutMs);
+    // Hands a write to the driver; false with the driver's message when it refuses.
+    bool write(const CommunicatorCommand &command, const QByteArray &data, QString *error);
+    // Tells the driver which requests the screen on show reads.
+    void setSession(const QList<CommunicatorCommand> &commands);
+    // Ends the screen: the driver stops reading the controller in a loop.
+    void closeSession();
+    // Runs the event loop for ms milliseconds.
+    static void pause(int ms);
+
+private:
+    DriverInterface *m_driver;
+    AbstractDeviceInterface *m_port;
+};
+
+#endif // HUSTCTL_DRIVERHOST_H

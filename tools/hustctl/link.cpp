@@ -1,0 +1,59 @@
+#include "link.h"
+
+#include "driverinterface.h"
+#include "drv_dev_setting.h"
+#include "serialport.h"
+
+#include <QScopedPointer>
+
+namespace {
+
+// Parity codes of the serial port's device setting.
+int parityCode(const QString &parity)
+{
+    if (parity == QLatin1String("odd"))
+        return 1;
+    if (parity == QLatin1String("even"))
+        return 2;
+    return 0;
+}
+
+} // namespace
+
+Link::Link() = default;
+Link::~Link() = default;
+
+bool Link::open(const LinkOptions &options, DriverInterface *driver, QString *error)
+{
+    QScopedPointer<DriverSetting> timing(driver->getDefaultDriverSetting());
+    if (!timing) {
+        *error = QStringLiteral("the driver gives no default driver setting");
+        return false;
+    }
+    if (options.retry >= 0)
+        timing->retry = options.retry;
+    if (options.delayMs >= 0)
+        timing->delay = options.delayMs;
+
+    const QString path = options.device;
+    const DeviceSetting device(DEVICE_SERIAL, path, options.baud, options.dataBits,
+                               options.stopBits, parityCode(options.parity));
+    m_port = std::make_unique<SerialPort>(device, *timing);
+    if (!m_port->open()) {
+        *error = m_port->errorString();
+        m_port.reset();
+        return false;
+    }
+    m_description = path;
+    return true;
+}
+
+AbstractDeviceInterface *Link::port() const
+{
+    return m_port.get();
+}
+
+QString Link::description() const
+{
+    return m_description;
+}

@@ -1,0 +1,34 @@
+#ifndef HUSTCTL_LINK_H
+#define HUSTCTL_LINK_H
+
+#include "options.h"
+
+#include <QString>
+
+#include <memory>
+
+class AbstractDeviceInterface;
+class DriverInterface;
+class SerialPort;
+
+// The line to the controller: a serial device, or the built-in simulator on a pseudo-terminal
+// when no device is given. The port object outlives every driver call made through it.
+class Link
+{
+public:
+    Link();
+    ~Link();
+
+    // Opens the line with the driver's default retry count and delay unless the options set
+    // them. False with the system's reason.
+    bool open(const LinkOptions &options, DriverInterface *driver, QString *error);
+    AbstractDeviceInterface *port() const;
+    // "/dev/ttyS1" or "simulator on /dev/pts/4".
+    QString description() const;
+
+private:
+    std::unique_ptr<SerialPort> m_port;
+    QString m_description;
+};
+
+#endif // HUSTCTL_LINK_H

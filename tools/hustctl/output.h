@@ -1,0 +1,39 @@
+#ifndef HUSTCTL_OUTPUT_H
+#define HUSTCTL_OUTPUT_H
+
+#include "addressing.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QString>
+#include <QVector>
+
+#include <optional>
+
+// Decodes the driver's little-endian answer: one byte per bit (0 or 1), two per word, four per
+// double word. Trailing bytes that do not fill a value are ignored.
+QVector<quint32> decodeValues(const QByteArray &data, ValueType type);
+
+// {"address": "DW100", "type": "dword", "values": [1, 2]}
+QString readJson(const QString &address, ValueType type, const QVector<quint32> &values);
+
+// One watched value of a refresh; no value when the driver had no data for it.
+struct WatchValue
+{
+    QString key;
+    std::optional<quint32> value;
+};
+
+// {"t": 1.234, "values": {"DW100": 1, "I5": 0}}
+QString watchJson(double seconds, const QList<WatchValue> &values);
+
+// A human-readable value: decimal, with the hexadecimal form for words and double words.
+QString formatValue(quint32 value, ValueType type);
+
+// Left-aligned columns, two blanks apart.
+QStringList formatTable(const QList<QStringList> &rows);
+
+// Quotes and escapes a text for JSON.
+QString jsonString(const QString &text);
+
+#endif // HUSTCTL_OUTPUT_H

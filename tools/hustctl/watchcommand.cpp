@@ -1,0 +1,155 @@
+#include "commands.h"
+
+#include "driverhost.h"
+#include "output.h"
+#include "targetreader.h"
+
+#include <QElapsedTimer>
+
+#include <atomic>
+#include <csignal>
+
+#include <unistd.h>
+
+namespace {
+
+std::atomic<bool> interrupted {false};
+static_assert(std::atomic<bool>::is_always_lock_free, "the flag is set from a signal handler");
+
+void onInterrupt(int)
+{
+    interrupted = true;
+}
+
+// Redraws a block of lines in place on a terminal.
+class InPlaceBlock
+{
+public:
+    void draw(QTextStream &out, const QStringList &lines)
+    {
+        if (m_height > 0)
+            out << "\x1b[" << m_height << 'A';
+        for (const QString &line : lines)
+            out << "\r\x1b[2K" << line << '\n';
+        m_height = lines.size();
+        out.flush();
+    }
+
+private:
+    int m_height = 0;
+};
+
+} // namespace
+
+bool WatchCommand::prepare(CtlOptions &options, QString *reason)
+{
+    for (const QString &argument : qAsConst(options.arguments)) {
+        const int colon = argument.indexOf(QLatin1Char(':'));
+        const QString address = colon < 0 ? argument : argument.left(colon);
+        const QString type = colon < 0 ? options.type : argument.mid(colon + 1);
+        if (colon >= 0 && type.isEmpty()) {
+            *reason = QStringLiteral("%1: no type after the colon").arg(argument);
+            return false;
+        }
+        Target target;
+        if (!Target::parse(address, type, 1, &target, reason))
+            return false;
+        m_keys << argument;
+        m_targets << target;
+    }
+    const int words = screenDoubleWords(m_targets);
+    if (words > kMaxDoubleWordsPerRequest) {
+        *reason = QStringLiteral("the watched addresses need %1 double words, more than the %2 of "
+                                 "one request")
+                      .arg(words)
+                      .arg(kMaxDoubleWordsPerRequest);
+        return false;
+    }
+    return true;
+}
+
+int WatchCommand::run(CommandEnv &env)
+{
+    const CtlOptions &o = env.options;
+    const int interval = o.intervalMs > 0 ? o.intervalMs : kDefaultIntervalMs;
+    const bool inPlace = !o.json && isatty(STDOUT_FILENO);
+    interrupted = false;
+    const auto previousHandler = std::signal(SIGINT, onInterrupt);
+
+    QElapsedTimer clock;
+    clock.start();
+    env.host->setSession(sessionCommands(m_targets));
+
+    // The first refresh waits until the whole screen has data, as a panel does when it opens.
+    QList<QVector<quint32>> values;
+    for (const Target &target : qAsConst(m_targets)) {
+        QVector<quint32> v;
+        QString error;
+        if (!readTarget(*env.host, target, o.timeoutMs, &v, &error)) {
+            std::signal(SIGINT, previousHandler);
+            return fail(env.err, error);
+        }
+        values << v;
+    }
+
+    InPlaceBlock block;
+    QString lastError;
+    int status = 0;
+    for (int refresh = 1; !interrupted; ++refresh) {
+        const double seconds = clock.elapsed() / 1000.0;
+        if (refresh > 1) {
+            for (int i = 0; i < m_targets.size(); ++i) {
+                QVector<quint32> v;
+                QString error;
+                if (!readTargetNow(*env.host, m_targets.at(i), &v, &error))
+                    v.clear();
+                values[i] = v;
+                if (!error.isEmpty() && error != lastError) {
+                    fail(env.err, error);
+                    lastError = error;
+                    status = 1;
+                }
+            }
+        }
+
+        QList<WatchValue> row;
+        for (int i = 0; i < m_targets.size(); ++i) {
+            WatchValue wv {m_keys.at(i), {}};
+            if (!values.at(i).isEmpty())
+                wv.value = values.at(i).first();
+            row << wv;
+        }
+        if (o.json) {
+            env.out << watchJson(seconds, row) << '\n';
+            env.out.flush();
+        } else {
+            QList<QStringList> table;
+            for (int i = 0; i < row.size(); ++i) {
+                table << QStringList {row.at(i).key,
+                                      row.at(i).value
+                                          ? formatValue(*row.at(i).value, m_targets.at(i).type())
+                                          : QStringLiteral("-")};
+            }
+            if (inPlace) {
+                QStringList lines {
+                    QStringLiteral("t = %1 s, refresh %2").arg(seconds, 0, 'f', 1).arg(refresh)};
+                block.draw(env.out, lines + formatTable(table));
+            } else {
+                QStringList cells {QString::number(seconds, 'f', 3)};
+                for (const WatchValue &wv : qAsConst(row))
+                    cells << wv.key + QLatin1Char('=')
+                            + (wv.value ? QString::number(*wv.value) : QStringLiteral("-"));
+                env.out << cells.join(QStringLiteral("  ")) << '\n';
+                env.out.flush();
+            }
+        }
+        if (o.refreshes > 0 && refresh >= o.refreshes)
+            break;
+        QElapsedTimer wait;
+        wait.start();
+        while (!interrupted && wait.elapsed() < interval)
+            DriverHost::pause(int(qMin<qint64>(interval - wait.elapsed(), 50)));
+    }
+    std::signal(SIGINT, previousHandler);
+    return status;
+}
