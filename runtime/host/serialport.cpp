@@ -24,10 +24,10 @@ QString systemReason(int errnum)
     return qt_error_string(errnum);
 }
 
+// Rounded up, so that a wait never ends before its deadline.
 int remainingMs(Clock::time_point deadline)
 {
-    const auto left
-        = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     return left > 0 ? int(left) : 0;
 }
 

@@ -105,18 +105,15 @@ class TestSerialPort : public QObject
     Q_OBJECT
 
 private slots:
+    void init();
+    void cleanup();
     void appliesLineSettings_data();
     void appliesLineSettings();
-    void refusesUnsupportedSettings_data();
-    void refusesUnsupportedSettings();
-    void refusesUnusableDevices_data();
-    void refusesUnusableDevices();
+    void refusesToOpen_data();
+    void refusesToOpen();
     void refusesSecondClaim();
-    void mapsPortNames_data();
-    void mapsPortNames();
     void readsWhatArrived_data();
     void readsWhatArrived();
-    void readOnSilentLineReturnsZero();
     void readWaitsForFirstByte();
     void writesArriveWhole_data();
     void writesArriveWhole();
@@ -126,9 +123,25 @@ private slots:
     void concurrentWritesStayWhole();
     void reportsLostLink_data();
     void reportsLostLink();
-    void reopensAfterClose();
     void refusesUseWhenClosed();
+
+private:
+    std::unique_ptr<PtyMaster> m_master;
+    std::unique_ptr<SerialPort> m_port; // on the slave of m_master, 38400 7E2, not yet open
 };
+
+void TestSerialPort::init()
+{
+    m_master = std::make_unique<PtyMaster>();
+    QVERIFY(m_master->isValid());
+    m_port = std::make_unique<SerialPort>(lineSetting(m_master->slavePath()), driverSetting);
+}
+
+void TestSerialPort::cleanup()
+{
+    m_port.reset();
+    m_master.reset();
+}
 
 void TestSerialPort::appliesLineSettings_data()
 {
@@ -154,10 +167,8 @@ void TestSerialPort::appliesLineSettings()
     QFETCH(int, parity);
     QFETCH(uint, size);
     QFETCH(speed_t, speed);
-
-    PtyMaster master;
-    QVERIFY(master.isValid());
-    const DeviceSetting setting = lineSetting(master.slavePath(), baud, dataBits, stopBits, parity);
+    const DeviceSetting setting
+        = lineSetting(m_master->slavePath(), baud, dataBits, stopBits, parity);
 
     // What the port asks of the terminal, starting from cooked settings.
     termios asked {};
@@ -167,167 +178,113 @@ void TestSerialPort::appliesLineSettings()
     asked.c_oflag = OPOST;
     QString refusal;
     QVERIFY(SerialPort::makeLineSettings(setting, &asked, &refusal));
-    QVERIFY(refusal.isEmpty());
     QCOMPARE(uint(asked.c_cflag & CSIZE), size);
     QCOMPARE(bool(asked.c_cflag & PARENB), parity != 0);
     QCOMPARE(bool(asked.c_cflag & PARODD), parity == 1);
     QCOMPARE(bool(asked.c_iflag & INPCK), parity != 0);
     QCOMPARE(bool(asked.c_cflag & CSTOPB), stopBits == 2);
     QCOMPARE(::cfgetispeed(&asked), speed);
-    QCOMPARE(::cfgetospeed(&asked), speed);
 
     // What the terminal took. A pseudo-terminal always keeps 8 bits without parity, so only the
     // speed, the stop bits and raw mode can be seen on it.
-    SerialPort port(setting, driverSetting);
-    QVERIFY2(port.open(), qPrintable(port.errorString()));
-    QCOMPARE(port.state(), SerialPort::State::Open);
-    QCOMPARE(port.error(), SerialPort::Error::NoError);
+    QVERIFY(m_port->setDeviceSetting(setting));
+    QVERIFY2(m_port->open(), qPrintable(m_port->errorString()));
     termios taken;
-    QCOMPARE(::tcgetattr(port.handle(), &taken), 0);
+    QCOMPARE(::tcgetattr(m_port->handle(), &taken), 0);
     QCOMPARE(bool(taken.c_cflag & CSTOPB), stopBits == 2);
     QCOMPARE(::cfgetospeed(&taken), speed);
     QCOMPARE(taken.c_lflag & (ICANON | ECHO | ISIG), tcflag_t(0));
     QCOMPARE(taken.c_oflag & OPOST, tcflag_t(0));
     QCOMPARE(taken.c_iflag & (IXON | IXOFF | ICRNL | ISTRIP), tcflag_t(0));
 
-    // New line parameters on an open port apply at once; refused ones leave the old ones.
-    QVERIFY(port.setDeviceSetting(lineSetting(master.slavePath(), 19200, 8, 1, 0)));
-    QCOMPARE(::tcgetattr(port.handle(), &taken), 0);
+    // New parameters on an open port apply at once; refused ones leave the old ones in force.
+    QVERIFY(m_port->setDeviceSetting(lineSetting(m_master->slavePath(), 19200, 8, 1, 0)));
+    QVERIFY(!m_port->setDeviceSetting(lineSetting(m_master->slavePath(), 4800, 9, 2, 0)));
+    QCOMPARE(m_port->error(), SerialPort::Error::UnsupportedSetting);
+    QCOMPARE(::tcgetattr(m_port->handle(), &taken), 0);
     QCOMPARE(::cfgetospeed(&taken), speed_t(B19200));
     QVERIFY(!(taken.c_cflag & CSTOPB));
-    QVERIFY(!port.setDeviceSetting(lineSetting(master.slavePath(), 19200, 9, 2, 0)));
-    QCOMPARE(port.error(), SerialPort::Error::UnsupportedSetting);
-    QCOMPARE(::tcgetattr(port.handle(), &taken), 0);
-    QVERIFY(!(taken.c_cflag & CSTOPB));
-    QCOMPARE(port.getDeviceSetting()->databits, 8);
-    QCOMPARE(port.getRetry(), 3);
-    QCOMPARE(port.getDelay(), 20);
+    QCOMPARE(m_port->getDeviceSetting()->baudrate, 19200);
 }
 
-void TestSerialPort::refusesUnsupportedSettings_data()
+void TestSerialPort::refusesToOpen_data()
 {
+    QTest::addColumn<QString>("device"); // pty, missing, file or directory
     QTest::addColumn<int>("baud");
     QTest::addColumn<int>("dataBits");
     QTest::addColumn<int>("stopBits");
     QTest::addColumn<int>("parity");
-    QTest::addColumn<QString>("named");
+    QTest::addColumn<SerialPort::Error>("error");
+    QTest::addColumn<QString>("reason");
 
-    QTest::newRow("odd baud") << 12345 << 8 << 1 << 0 << "baud rate 12345";
-    QTest::newRow("zero baud") << 0 << 8 << 1 << 0 << "baud rate 0";
-    QTest::newRow("4 data bits") << 9600 << 4 << 1 << 0 << "data bits 4";
-    QTest::newRow("9 data bits") << 9600 << 9 << 1 << 0 << "data bits 9";
-    QTest::newRow("parity 3") << 9600 << 8 << 1 << 3 << "parity code 3";
-    QTest::newRow("parity -1") << 9600 << 8 << 1 << -1 << "parity code -1";
-    QTest::newRow("0 stop bits") << 9600 << 8 << 0 << 0 << "stop bits 0";
-    QTest::newRow("3 stop bits") << 9600 << 8 << 3 << 0 << "stop bits 3";
+    const auto unsupported = SerialPort::Error::UnsupportedSetting;
+    QTest::newRow("odd baud") << "pty" << 12345 << 8 << 1 << 0 << unsupported << "baud rate 12345";
+    QTest::newRow("4 data bits") << "pty" << 9600 << 4 << 1 << 0 << unsupported << "data bits 4";
+    QTest::newRow("9 data bits") << "pty" << 9600 << 9 << 1 << 0 << unsupported << "data bits 9";
+    QTest::newRow("parity 3") << "pty" << 9600 << 8 << 1 << 3 << unsupported << "parity code 3";
+    QTest::newRow("parity -1") << "pty" << 9600 << 8 << 1 << -1 << unsupported << "parity code -1";
+    QTest::newRow("0 stop bits") << "pty" << 9600 << 8 << 0 << 0 << unsupported << "stop bits 0";
+    QTest::newRow("3 stop bits") << "pty" << 9600 << 8 << 3 << 0 << unsupported << "stop bits 3";
+    QTest::newRow("missing") << "missing" << 38400 << 7 << 2 << 2
+                             << SerialPort::Error::DeviceNotFound << "No such file or directory";
+    QTest::newRow("regular file") << "file" << 38400 << 7 << 2 << 2
+                                  << SerialPort::Error::NotATerminal << "not a terminal";
+    QTest::newRow("directory") << "directory" << 38400 << 7 << 2 << 2
+                               << SerialPort::Error::OpenFailed << "Is a directory";
 }
 
-void TestSerialPort::refusesUnsupportedSettings()
+void TestSerialPort::refusesToOpen()
 {
+    QFETCH(QString, device);
     QFETCH(int, baud);
     QFETCH(int, dataBits);
     QFETCH(int, stopBits);
     QFETCH(int, parity);
-    QFETCH(QString, named);
-
-    PtyMaster master;
-    QVERIFY(master.isValid());
-    SerialPort port(lineSetting(master.slavePath(), baud, dataBits, stopBits, parity),
-                    driverSetting);
-    QVERIFY(!port.open());
-    QCOMPARE(port.state(), SerialPort::State::Closed);
-    QCOMPARE(port.error(), SerialPort::Error::UnsupportedSetting);
-    QVERIFY2(port.errorString().contains(master.slavePath()), qPrintable(port.errorString()));
-    QVERIFY2(port.errorString().contains(named), qPrintable(port.errorString()));
-
-    // The refused attempt left the device free for a port with sound settings.
-    SerialPort good(lineSetting(master.slavePath()), driverSetting);
-    QVERIFY2(good.open(), qPrintable(good.errorString()));
-}
-
-void TestSerialPort::refusesUnusableDevices_data()
-{
-    QTest::addColumn<QString>("kind");
-    QTest::addColumn<SerialPort::Error>("error");
-    QTest::addColumn<QString>("reason");
-
-    QTest::newRow("missing") << "missing" << SerialPort::Error::DeviceNotFound
-                             << "No such file or directory";
-    QTest::newRow("regular file") << "file" << SerialPort::Error::NotATerminal << "not a terminal";
-    QTest::newRow("directory") << "directory" << SerialPort::Error::OpenFailed << "directory";
-}
-
-void TestSerialPort::refusesUnusableDevices()
-{
-    QFETCH(QString, kind);
     QFETCH(SerialPort::Error, error);
     QFETCH(QString, reason);
 
     QTemporaryDir dir;
-    QVERIFY(dir.isValid());
-    QString path = dir.filePath(QStringLiteral("does-not-exist"));
-    if (kind == QLatin1String("file")) {
+    QString path = m_master->slavePath();
+    if (device == QLatin1String("missing")) {
+        path = dir.filePath(QStringLiteral("does-not-exist"));
+    } else if (device == QLatin1String("directory")) {
+        path = dir.path();
+    } else if (device == QLatin1String("file")) {
         path = dir.filePath(QStringLiteral("plain"));
         QFile file(path);
         QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("not a line");
-    } else if (kind == QLatin1String("directory")) {
-        path = dir.path();
     }
 
-    SerialPort port(lineSetting(path), driverSetting);
+    SerialPort port(lineSetting(path, baud, dataBits, stopBits, parity), driverSetting);
     QVERIFY(!port.open());
     QCOMPARE(port.state(), SerialPort::State::Closed);
     QCOMPARE(port.handle(), -1);
     QCOMPARE(port.error(), error);
-    QVERIFY2(port.errorString().startsWith(QStringLiteral("Cannot open ") + path),
-             qPrintable(port.errorString()));
+    QVERIFY2(port.errorString().contains(path), qPrintable(port.errorString()));
     QVERIFY2(port.errorString().contains(reason), qPrintable(port.errorString()));
+
+    // A refused attempt leaves the terminal free for a port with sound settings.
+    QVERIFY2(m_port->open(), qPrintable(m_port->errorString()));
 }
 
 void TestSerialPort::refusesSecondClaim()
 {
-    PtyMaster master;
-    QVERIFY(master.isValid());
-    SerialPort first(lineSetting(master.slavePath()), driverSetting);
-    SerialPort second(lineSetting(master.slavePath()), driverSetting);
-    QVERIFY(first.open());
-
+    SerialPort second(lineSetting(m_master->slavePath()), driverSetting);
+    QVERIFY(m_port->open());
     QVERIFY(!second.open());
     QCOMPARE(second.error(), SerialPort::Error::Busy);
-    QVERIFY2(second.errorString().contains(master.slavePath()), qPrintable(second.errorString()));
+    QVERIFY2(second.errorString().contains(m_master->slavePath()),
+             qPrintable(second.errorString()));
     QVERIFY2(second.errorString().contains(QStringLiteral("in use")),
              qPrintable(second.errorString()));
-    QVERIFY(!first.open()); // already open
-    QVERIFY(first.isOpen());
+    QVERIFY(!m_port->open()); // already open
+    QVERIFY(m_port->isOpen());
 
-    first.close();
+    m_port->close();
     QVERIFY2(second.open(), qPrintable(second.errorString()));
     QCOMPARE(second.error(), SerialPort::Error::NoError);
-}
-
-void TestSerialPort::mapsPortNames_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QString>("path");
-
-    QTest::newRow("path") << "/dev/pts/3"
-                          << "/dev/pts/3";
-    QTest::newRow("COM1") << "COM1"
-                          << "/dev/ttyS0";
-    QTest::newRow("com12") << "com12"
-                           << "/dev/ttyS11";
-    QTest::newRow("COM0 is no run-time port") << "COM0"
-                                              << "/dev/COM0";
-    QTest::newRow("bare name") << "ttyUSB0"
-                               << "/dev/ttyUSB0";
-}
-
-void TestSerialPort::mapsPortNames()
-{
-    QFETCH(QString, name);
-    QFETCH(QString, path);
-    QCOMPARE(SerialPort::devicePath(name), path);
+    second.close();
+    QVERIFY2(m_port->open(), qPrintable(m_port->errorString()));
 }
 
 void TestSerialPort::readsWhatArrived_data()
@@ -335,8 +292,8 @@ void TestSerialPort::readsWhatArrived_data()
     QTest::addColumn<int>("size");
     QTest::addColumn<int>("capacity");
 
+    QTest::newRow("silent line") << 0 << 200;
     QTest::newRow("one byte") << 1 << 200;
-    QTest::newRow("frame") << 120 << 200;
     QTest::newRow("exactly full") << 200 << 200;
     QTest::newRow("more than capacity") << 500 << 200;
     QTest::newRow("small buffer") << 64 << 30;
@@ -346,227 +303,161 @@ void TestSerialPort::readsWhatArrived()
 {
     QFETCH(int, size);
     QFETCH(int, capacity);
-
-    PtyMaster master;
-    QVERIFY(master.isValid());
-    SerialPort port(lineSetting(master.slavePath()), driverSetting);
-    port.setReadTimeout(2000);
-    QVERIFY(port.open());
+    m_port->setReadTimeout(5000);
+    QVERIFY(m_port->open());
 
     const QByteArray sent = pattern(size);
-    QVERIFY(master.write(sent));
+    QVERIFY(m_master->write(sent));
     QByteArray received;
     QByteArray buffer(capacity, '\0');
-    for (int calls = 0; received.size() < size && calls < size + 10; ++calls) {
-        const int count = port.readData(buffer.data(), capacity);
-        QVERIFY(count >= 0 && count <= capacity);
+    for (int calls = 0; received.size() < size && calls < size; ++calls) {
+        const int count = calls % 2 ? m_port->receiveData(buffer.data(), capacity)
+                                    : m_port->readData(buffer.data(), capacity);
+        QVERIFY(count > 0 && count <= capacity);
         received.append(buffer.constData(), count);
     }
     QCOMPARE(received, sent);
-    QCOMPARE(port.error(), SerialPort::Error::NoError);
-}
-
-void TestSerialPort::readOnSilentLineReturnsZero()
-{
-    PtyMaster master;
-    QVERIFY(master.isValid());
-    SerialPort port(lineSetting(master.slavePath()), driverSetting);
-    port.setReadTimeout(20);
-    QVERIFY(port.open());
-
-    char buffer[200];
-    QCOMPARE(port.readData(buffer, sizeof buffer), 0);
-    QCOMPARE(port.receiveData(buffer, sizeof buffer), 0);
-    QCOMPARE(port.readData(buffer, 0), 0);
-    QCOMPARE(port.readData(nullptr, 200), 0);
-    // A quiet line is no failure.
-    QCOMPARE(port.error(), SerialPort::Error::NoError);
-    QVERIFY(port.isOpen());
+    // Nothing more comes: the read returns empty after its wait, and a quiet line is no failure.
+    m_port->setReadTimeout(20);
+    QCOMPARE(m_port->readData(buffer.data(), capacity), 0);
+    QCOMPARE(m_port->readData(nullptr, capacity), 0);
+    QCOMPARE(m_port->error(), SerialPort::Error::NoError);
 }
 
 void TestSerialPort::readWaitsForFirstByte()
 {
-    PtyMaster master;
-    QVERIFY(master.isValid());
-    SerialPort port(lineSetting(master.slavePath()), driverSetting);
-    port.setReadTimeout(10000);
-    QVERIFY(port.open());
-
-    std::atomic<bool> reading {false};
-    std::thread controller([&] {
-        while (!reading)
-            std::this_thread::yield();
+    m_port->setReadTimeout(10000);
+    QVERIFY(m_port->open());
+    std::thread controller([this] {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        master.write("late");
+        m_master->write("late");
     });
     char buffer[200];
-    reading = true;
-    const int count = port.receiveData(buffer, sizeof buffer);
+    const int count = m_port->receiveData(buffer, sizeof buffer);
     controller.join();
     QVERIFY(count > 0);
     QCOMPARE(QByteArray(buffer, count), QByteArray("late").left(count));
 }
-
 void TestSerialPort::writesArriveWhole_data()
 {
     QTest::addColumn<int>("size");
 
     QTest::newRow("one byte") << 1;
     QTest::newRow("longest frame") << 230;
-    QTest::newRow("4 KiB") << 4096;
     QTest::newRow("64 KiB") << 65536;
 }
 
 void TestSerialPort::writesArriveWhole()
 {
     QFETCH(int, size);
-
-    PtyMaster master;
-    QVERIFY(master.isValid());
-    SerialPort port(lineSetting(master.slavePath()), driverSetting);
-    QVERIFY(port.open());
+    QVERIFY(m_port->open());
 
     const QByteArray sent = pattern(size, 3);
     QByteArray received;
-    std::thread drain([&] { received = master.read(size); });
-    const int written = port.writeData(sent.constData(), size);
+    std::thread drain([&] { received = m_master->read(size); });
+    const int written = m_port->writeData(sent.constData(), size);
     drain.join();
     QCOMPARE(written, size);
-    QCOMPARE(received.size(), size);
     QVERIFY(received == sent);
-    QCOMPARE(port.error(), SerialPort::Error::NoError);
+    QCOMPARE(m_port->error(), SerialPort::Error::NoError);
 }
 
 void TestSerialPort::stalledWriteReportsCount()
 {
-    PtyMaster master;
-    QVERIFY(master.isValid());
-    SerialPort port(lineSetting(master.slavePath()), driverSetting);
-    port.setWriteTimeout(30);
-    QVERIFY(port.open());
+    m_port->setWriteTimeout(30);
+    QVERIFY(m_port->open());
 
     // Nobody reads the master: the line fills up and the write gives up with what went out.
     const QByteArray sent = pattern(1024 * 1024);
-    const int written = port.writeData(sent.constData(), sent.size());
-    QVERIFY(written >= 0);
-    QVERIFY(written < sent.size());
-    QCOMPARE(port.error(), SerialPort::Error::WriteStalled);
-    QVERIFY2(port.errorString().contains(QString::number(written)), qPrintable(port.errorString()));
-    QVERIFY(port.isOpen());
+    const int written = m_port->writeData(sent.constData(), sent.size());
+    QVERIFY(written >= 0 && written < sent.size());
+    QCOMPARE(m_port->error(), SerialPort::Error::WriteStalled);
+    QVERIFY2(m_port->errorString().contains(QString::number(written)),
+             qPrintable(m_port->errorString()));
+    QVERIFY(m_port->isOpen());
 
     // Once drained the line takes writes again, and the bytes came in order.
-    QCOMPARE(master.read(written), sent.left(written));
-    QCOMPARE(port.writeData("ok", 2), 2);
-    QCOMPARE(master.read(2), QByteArray("ok"));
+    QCOMPARE(m_master->read(written), sent.left(written));
+    QCOMPARE(m_port->writeData("ok", 2), 2);
+    QCOMPARE(m_master->read(2), QByteArray("ok"));
 }
 
 void TestSerialPort::countsAndDiscardsInput()
 {
-    PtyMaster master;
-    QVERIFY(master.isValid());
-    SerialPort port(lineSetting(master.slavePath()), driverSetting);
-    port.setReadTimeout(10);
-    QVERIFY(port.open());
-
-    QCOMPARE(bytesAvailable(port), 0);
-    QVERIFY(master.write("0123456789"));
-    QTRY_COMPARE(bytesAvailable(port), 10);
+    m_port->setReadTimeout(10);
+    QVERIFY(m_port->open());
+    QCOMPARE(bytesAvailable(*m_port), 0);
+    QVERIFY(m_master->write("0123456789"));
+    QTRY_COMPARE(bytesAvailable(*m_port), 10);
 
     // Only option 12 with the value 0 discards.
-    port.setOption(AbstractDeviceInterface::DiscardReceivedOption, 1);
-    port.setOption(AbstractDeviceInterface::DiscardReceivedOption, QStringLiteral("x"));
-    port.setOption(AbstractDeviceInterface::BytesAvailableOption, 0);
-    QCOMPARE(bytesAvailable(port), 10);
-    port.setOption(AbstractDeviceInterface::DiscardReceivedOption, 0);
-    QCOMPARE(bytesAvailable(port), 0);
+    m_port->setOption(AbstractDeviceInterface::DiscardReceivedOption, 1);
+    m_port->setOption(AbstractDeviceInterface::DiscardReceivedOption, QStringLiteral("x"));
+    m_port->setOption(AbstractDeviceInterface::BytesAvailableOption, 0);
+    QCOMPARE(bytesAvailable(*m_port), 10);
+    m_port->setOption(AbstractDeviceInterface::DiscardReceivedOption, 0);
+    QCOMPARE(bytesAvailable(*m_port), 0);
     char buffer[200];
-    QCOMPARE(port.readData(buffer, sizeof buffer), 0);
+    QCOMPARE(m_port->readData(buffer, sizeof buffer), 0);
 
     // What arrives after the discard is read normally.
-    QVERIFY(master.write("AB"));
-    QTRY_COMPARE(bytesAvailable(port), 2);
-    QCOMPARE(port.readData(buffer, sizeof buffer), 2);
-
+    QVERIFY(m_master->write("AB"));
+    QTRY_COMPARE(bytesAvailable(*m_port), 2);
+    QCOMPARE(m_port->readData(buffer, sizeof buffer), 2);
     QVariant other(42);
-    port.getOption(7, other);
+    m_port->getOption(7, other);
     QVERIFY(!other.isValid());
-    QCOMPARE(port.error(), SerialPort::Error::NoError);
 }
 
 void TestSerialPort::concurrentReadAndWrite()
 {
-    PtyMaster master;
-    QVERIFY(master.isValid());
-    SerialPort port(lineSetting(master.slavePath()), driverSetting);
-    port.setReadTimeout(5);
-    QVERIFY(port.open());
-
+    // The worker reads and polls the count while another thread writes frames.
+    m_port->setReadTimeout(5);
+    QVERIFY(m_port->open());
     const int frames = 200;
     const int frameSize = 230;
     const QByteArray outbound = pattern(frames * frameSize, 1);
-    const QByteArray inbound = pattern(frames * 100, 2);
+    const QByteArray inbound = pattern(20000, 2);
 
     QByteArray atMaster;
-    std::thread controller([&] {
-        // Feed the port in pieces while taking in what it sends.
-        int fed = 0;
-        char chunk[4096];
-        while (atMaster.size() < outbound.size() || fed < inbound.size()) {
-            if (fed < inbound.size()) {
-                const int piece = std::min(100, int(inbound.size()) - fed);
-                if (!master.write(inbound.mid(fed, piece)))
-                    return;
-                fed += piece;
-            }
-            const QByteArray got = master.read(int(sizeof chunk), fed < inbound.size() ? 0 : 2000);
-            if (got.isEmpty() && fed >= inbound.size())
-                return;
-            atMaster.append(got);
-        }
-    });
-
+    std::thread drain([&] { atMaster = m_master->read(outbound.size()); });
+    std::thread controller([&] { m_master->write(inbound); });
     QByteArray atPort;
     std::thread reader([&] {
         char buffer[200];
-        int idle = 0;
-        while (atPort.size() < inbound.size() && idle < 400) {
-            const int count = port.readData(buffer, sizeof buffer);
+        for (int idle = 0; atPort.size() < inbound.size() && idle < 400;) {
+            const int count = m_port->readData(buffer, sizeof buffer);
             idle = count > 0 ? 0 : idle + 1;
             atPort.append(buffer, count);
-            QVariant waiting;
-            port.getOption(AbstractDeviceInterface::BytesAvailableOption, waiting);
+            bytesAvailable(*m_port);
         }
     });
-
     int written = 0;
     for (int i = 0; i < frames; ++i)
-        written += port.writeData(outbound.constData() + i * frameSize, frameSize);
-
+        written += m_port->writeData(outbound.constData() + i * frameSize, frameSize);
     reader.join();
     controller.join();
+    drain.join();
+
     QCOMPARE(written, outbound.size());
     QVERIFY(atMaster == outbound);
     QVERIFY(atPort == inbound);
-    QCOMPARE(port.error(), SerialPort::Error::NoError);
+    QCOMPARE(m_port->error(), SerialPort::Error::NoError);
 }
 
 void TestSerialPort::concurrentWritesStayWhole()
 {
-    PtyMaster master;
-    QVERIFY(master.isValid());
-    SerialPort port(lineSetting(master.slavePath()), driverSetting);
-    QVERIFY(port.open());
-
+    QVERIFY(m_port->open());
     // Frames larger than the line's buffer, so that each write has to wait for room part-way.
     const int frames = 20;
     const int frameSize = 16384;
     const QByteArray frameA(frameSize, 'A');
     const QByteArray frameB(frameSize, 'B');
     QByteArray received;
-    std::thread drain([&] { received = master.read(2 * frames * frameSize); });
-    auto send = [&](const QByteArray &frame) {
+    std::thread drain([&] { received = m_master->read(2 * frames * frameSize); });
+    auto send = [this](const QByteArray &frame) {
         for (int i = 0; i < frames; ++i)
-            port.writeData(frame.constData(), frame.size());
+            m_port->writeData(frame.constData(), frame.size());
     };
     std::thread writerA(send, frameA);
     std::thread writerB(send, frameB);
@@ -577,8 +468,7 @@ void TestSerialPort::concurrentWritesStayWhole()
     QCOMPARE(received.size(), 2 * frames * frameSize);
     for (int offset = 0; offset < received.size(); offset += frameSize) {
         const QByteArray frame = received.mid(offset, frameSize);
-        QVERIFY2(frame == frameA || frame == frameB,
-                 qPrintable(QStringLiteral("frame at %1 is mixed").arg(offset)));
+        QVERIFY2(frame == frameA || frame == frameB, qPrintable(QString::number(offset)));
     }
 }
 
@@ -593,81 +483,47 @@ void TestSerialPort::reportsLostLink_data()
 void TestSerialPort::reportsLostLink()
 {
     QFETCH(bool, byWrite);
+    m_port->setReadTimeout(10);
+    QVERIFY(m_port->open());
 
-    auto master = std::make_unique<PtyMaster>();
-    QVERIFY(master->isValid());
-    SerialPort port(lineSetting(master->slavePath()), driverSetting);
-    port.setReadTimeout(10);
-    QVERIFY(port.open());
-
-    master->close();
+    m_master->close();
     char buffer[200];
     if (byWrite)
-        QVERIFY(port.writeData("lost", 4) < 4);
+        QVERIFY(m_port->writeData("lost", 4) < 4);
     else
-        QCOMPARE(port.readData(buffer, sizeof buffer), 0);
-    QCOMPARE(port.state(), SerialPort::State::LinkLost);
-    QVERIFY(!port.isOpen());
-    QCOMPARE(port.handle(), -1);
-    QCOMPARE(port.error(), SerialPort::Error::LinkLost);
-    QVERIFY2(port.errorString().contains(port.portName()), qPrintable(port.errorString()));
+        QCOMPARE(m_port->readData(buffer, sizeof buffer), 0);
+    QCOMPARE(m_port->state(), SerialPort::State::LinkLost);
+    QCOMPARE(m_port->handle(), -1);
+    QCOMPARE(m_port->error(), SerialPort::Error::LinkLost);
+    const QString reason = m_port->errorString();
+    QVERIFY2(reason.contains(m_port->portName()), qPrintable(reason));
 
-    // Further calls return at once with nothing and keep the first reason.
-    const QString reason = port.errorString();
-    QCOMPARE(port.writeData("x", 1), 0);
-    QCOMPARE(port.readData(buffer, sizeof buffer), 0);
-    QCOMPARE(bytesAvailable(port), -1);
-    QCOMPARE(port.errorString(), reason);
+    // Further calls give nothing and keep the first reason.
+    QCOMPARE(m_port->writeData("x", 1), 0);
+    QCOMPARE(m_port->readData(buffer, sizeof buffer), 0);
+    QCOMPARE(bytesAvailable(*m_port), -1);
+    QCOMPARE(m_port->errorString(), reason);
 
     // A new controller end appears under another name: reopen there.
-    master = std::make_unique<PtyMaster>();
-    QVERIFY(master->isValid());
-    QVERIFY(port.setDeviceSetting(lineSetting(master->slavePath())));
-    QVERIFY2(port.reopen(), qPrintable(port.errorString()));
-    QCOMPARE(port.error(), SerialPort::Error::NoError);
-    QCOMPARE(port.writeData("back", 4), 4);
-    QCOMPARE(master->read(4), QByteArray("back"));
-}
-
-void TestSerialPort::reopensAfterClose()
-{
-    PtyMaster master;
-    QVERIFY(master.isValid());
-    SerialPort port(lineSetting(master.slavePath()), driverSetting);
-    port.setReadTimeout(2000);
-    QVERIFY(port.open());
-    port.close();
-    QCOMPARE(port.state(), SerialPort::State::Closed);
-    port.close();
-
-    QVERIFY2(port.open(), qPrintable(port.errorString()));
-    QVERIFY(master.write("again"));
-    char buffer[200];
-    QByteArray received;
-    while (received.size() < 5) {
-        const int count = port.readData(buffer, sizeof buffer);
-        QVERIFY(count > 0);
-        received.append(buffer, count);
-    }
-    QCOMPARE(received, QByteArray("again"));
+    m_master = std::make_unique<PtyMaster>();
+    QVERIFY(m_port->setDeviceSetting(lineSetting(m_master->slavePath())));
+    QVERIFY2(m_port->reopen(), qPrintable(m_port->errorString()));
+    QCOMPARE(m_port->error(), SerialPort::Error::NoError);
+    QCOMPARE(m_port->writeData("back", 4), 4);
+    QCOMPARE(m_master->read(4), QByteArray("back"));
 }
 
 void TestSerialPort::refusesUseWhenClosed()
 {
-    PtyMaster master;
-    QVERIFY(master.isValid());
-    SerialPort port(lineSetting(master.slavePath()), driverSetting);
-    port.setReadTimeout(1);
-
+    m_port->setReadTimeout(1);
     char buffer[10];
-    QCOMPARE(port.readData(buffer, sizeof buffer), 0);
-    QCOMPARE(port.error(), SerialPort::Error::NotOpen);
-    QVERIFY(port.errorString().contains(master.slavePath()));
-    port.clearError();
-    QCOMPARE(port.writeData("x", 1), 0);
-    QCOMPARE(port.error(), SerialPort::Error::NotOpen);
-    QCOMPARE(bytesAvailable(port), -1);
-    port.setOption(AbstractDeviceInterface::DiscardReceivedOption, 0);
+    QCOMPARE(m_port->readData(buffer, sizeof buffer), 0);
+    QCOMPARE(m_port->error(), SerialPort::Error::NotOpen);
+    QVERIFY(m_port->errorString().contains(m_master->slavePath()));
+    m_port->clearError();
+    QCOMPARE(m_port->writeData("x", 1), 0);
+    QCOMPARE(m_port->error(), SerialPort::Error::NotOpen);
+    QCOMPARE(bytesAvailable(*m_port), -1);
 }
 
 QTEST_GUILESS_MAIN(TestSerialPort)
