@@ -1,0 +1,143 @@
+#include <QProcess>
+#include <QTemporaryFile>
+#include <QtTest>
+
+namespace {
+
+struct Run
+{
+    int status = -1;
+    QByteArray out;
+    QByteArray err;
+};
+
+// Runs hustctl to its end; every run is bounded.
+Run hustctl(const QStringList &args, int timeoutMs = 30000)
+{
+    QProcess process;
+    process.start(QStringLiteral(HUSTCTL_PATH), args);
+    Run run;
+    if (!process.waitForFinished(timeoutMs)) {
+        process.kill();
+        process.waitForFinished();
+        run.err = "did not finish";
+        return run;
+    }
+    run.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -2;
+    run.out = process.readAllStandardOutput();
+    run.err = process.readAllStandardError();
+    return run;
+}
+
+QString describe(const Run &run)
+{
+    return QStringLiteral("status %1, stdout \"%2\", stderr \"%3\"")
+        .arg(run.status)
+        .arg(QString::fromUtf8(run.out), QString::fromUtf8(run.err));
+}
+
+} // namespace
+
+class TestHustctl : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void refusals_data()
+    {
+        QTest::addColumn<QStringList>("args");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("reason");
+
+        const QString regularFile = QFINDTESTDATA("tst_hustctl.cpp");
+        QTest::newRow("no command") << QStringList {} << 2 << "no command";
+        QTest::newRow("unknown command") << QStringList {"peek", "DW1"} << 2 << "unknown command";
+        QTest::newRow("unknown option")
+            << QStringList {"read", "DW1", "--frob"} << 2 << "unknown option \"--frob\"";
+        QTest::newRow("option without value")
+            << QStringList {"read", "DW1", "-c"} << 2 << "-c needs a value";
+        QTest::newRow("option of another command")
+            << QStringList {"read", "DW1", "-n", "2"} << 2 << "-n does not apply to read";
+        QTest::newRow("bad baud") << QStringList {"-b", "fast", "read", "DW1"} << 2 << "-b";
+        QTest::newRow("bad parity")
+            << QStringList {"read", "DW1", "-P", "mark"} << 2 << "not even, odd or none";
+        QTest::newRow("unknown prefix")
+            << QStringList {"read", "X100"} << 2 << "unknown address kind \"X\"";
+        QTest::newRow("lower-case prefix")
+            << QStringList {"read", "dw100"} << 2 << "unknown address kind";
+        QTest::newRow("no number") << QStringList {"read", "DW"} << 2 << "has no number";
+        QTest::newRow("register beyond range")
+            << QStringList {"read", "DW100000"} << 2 << "beyond the controller's range";
+        QTest::newRow("count beyond range")
+            << QStringList {"read", "DW99999", "-c", "2"} << 2 << "run beyond";
+        QTest::newRow("bit device beyond range")
+            << QStringList {"read", "I256"} << 2 << "beyond the controller's range";
+        QTest::newRow("bit number beyond 31") << QStringList {"read", "B10.32"} << 2 << "0 to 31";
+        QTest::newRow("point on a DW") << QStringList {"read", "DW10.3"} << 2 << "only B addresses";
+        QTest::newRow("overflowing request")
+            << QStringList {"read", "DW0", "-c", "100"} << 2 << "more than the 99";
+        QTest::newRow("unknown type")
+            << QStringList {"read", "DW1", "-t", "qword"} << 2 << "\"qword\" is not a type";
+        QTest::newRow("bit type on a register")
+            << QStringList {"read", "DW1", "-t", "bit"} << 2 << "B1.<bit>";
+        QTest::newRow("word of bits unaligned")
+            << QStringList {"read", "I5", "-t", "word"} << 2 << "multiple of 16";
+        QTest::newRow("value not a number")
+            << QStringList {"write", "DW1", "12x"} << 2 << "\"12x\" is not a number";
+        QTest::newRow("value beyond 32 bits")
+            << QStringList {"write", "DW1", "4294967296"} << 2 << "out of the 32-bit range";
+        QTest::newRow("negative beyond 32 bits")
+            << QStringList {"write", "DW1", "-2147483649"} << 2 << "out of the 32-bit range";
+        QTest::newRow("bit value 2")
+            << QStringList {"write", "B10.3", "2"} << 2 << "a bit is 0 or 1";
+        QTest::newRow("write to inputs")
+            << QStringList {"write", "I5", "1"} << 2 << "cannot be written";
+        QTest::newRow("write of words")
+            << QStringList {"write", "DW1", "5", "-t", "word"} << 2 << "words cannot be written";
+        QTest::newRow("write without value")
+            << QStringList {"write", "DW1"} << 2 << "at least one value";
+        QStringList screen {"watch"};
+        for (int i = 0; i < 100; ++i)
+            screen << QStringLiteral("DW%1").arg(i);
+        QTest::newRow("watch overflow") << screen << 2 << "100 double words";
+        QTest::newRow("watch type missing")
+            << QStringList {"watch", "DW1:"} << 2 << "no type after the colon";
+        QTest::newRow("missing port") << QStringList {"-p", "/dev/does-not-exist", "read", "DW1"}
+                                      << 1 << "/dev/does-not-exist: No such file or directory";
+        QTest::newRow("regular file as port")
+            << QStringList {"read", "DW1", "--port", regularFile} << 1 << "not a terminal";
+        QTest::newRow("missing plug-in")
+            << QStringList {"--plugin", "/nonexistent/libx.so", "info"} << 1 << "no such file";
+    }
+
+    void refusals()
+    {
+        QFETCH(QStringList, args);
+        QFETCH(int, status);
+        QFETCH(QString, reason);
+        const Run run = hustctl(args);
+        QVERIFY2(run.status == status, qPrintable(describe(run)));
+        QVERIFY2(run.out.isEmpty(), qPrintable(describe(run)));
+        QCOMPARE(run.err.count('\n'), 1);
+        QVERIFY2(run.err.startsWith("hustctl: "), qPrintable(describe(run)));
+        QVERIFY2(QString::fromUtf8(run.err).contains(reason), qPrintable(describe(run)));
+    }
+
+    void info()
+    {
+        const Run run = hustctl({"info"});
+        QVERIFY2(run.status == 0, qPrintable(describe(run)));
+        QVERIFY(run.out.contains("Hust CNC Controller (Hust)"));
+        QVERIFY(run.out.contains("RS232,38400,EVEN,7,2"));
+    }
+
+    void help()
+    {
+        const Run run = hustctl({"read", "--help"});
+        QVERIFY2(run.status == 0, qPrintable(describe(run)));
+        QVERIFY(run.out.startsWith("usage: hustctl"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestHustctl)
+#include "tst_hustctl.moc"
