@@ -86,7 +86,8 @@ public:
     int handle() const;
 
     // Takes new line parameters; an open port applies them at once and keeps its old ones when
-    // they are refused. A new device name takes effect at the next open().
+    // they are refused. A new device name takes effect at the next open(). The record that
+    // getDeviceSetting() hands out changes with it, so call this while no driver uses the port.
     bool setDeviceSetting(const DeviceSetting &device);
     void setDriverSetting(const DriverSetting &driver);
 
