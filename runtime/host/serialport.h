@@ -27,9 +27,9 @@
 // mode), so a second open of the same device, from this process or another, is refused as busy.
 //
 // Reads wait up to readTimeout() for the first byte, then collect what follows until the line
-// stays quiet for interByteTimeout() or the buffer is full. A read that returns 0 has waited the
-// read time-out, also on a port that is closed or has lost its link, so a caller that polls in a
-// loop is paced. Writes send every byte, waiting up to writeTimeout() each time the line accepts
+// stays quiet for interByteTimeout() or the buffer is full. A read of a port that is closed or has
+// lost its link also waits the read time-out before it returns 0, so a caller that polls in a loop
+// is paced. Writes send every byte, waiting up to writeTimeout() each time the line accepts
 // nothing, and return how many bytes went out. Neither ever returns a negative count.
 //
 // Every operation is safe to call from several threads. Waiting happens outside the port's lock,
