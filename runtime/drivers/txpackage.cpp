@@ -1,0 +1,213 @@
+#include "txpackage.h"
+
+#include "tools.h"
+
+#include <climits>
+
+TxPackage::TxPackage()
+    : m_data(new QByteArray)
+{ }
+
+TxPackage::TxPackage(const TxPackage &other)
+    : m_data(new QByteArray(*other.m_data))
+    , m_sectionSizes(other.m_sectionSizes)
+{ }
+
+TxPackage &TxPackage::operator=(const TxPackage &other)
+{
+    *m_data = *other.m_data;
+    m_sectionSizes = other.m_sectionSizes;
+    return *this;
+}
+
+TxPackage::~TxPackage() = default;
+
+bool TxPackage::appendNewSection(const QByteArray &bytes)
+{
+    m_data->append(bytes);
+    m_sectionSizes.append(bytes.size());
+    return true;
+}
+
+bool TxPackage::appendByte(unsigned char b)
+{
+    return appendNewSection(QByteArray(1, char(b)));
+}
+
+bool TxPackage::appendWord(unsigned short w)
+{
+    return appendNewSection(wordToByteArray(w));
+}
+
+bool TxPackage::appendDWord(unsigned int d)
+{
+    return appendNewSection(intToByteArray(int(d)));
+}
+
+bool TxPackage::appendString(const QString &s)
+{
+    return appendNewSection(s.toLatin1());
+}
+
+bool TxPackage::appendSection(const QByteArray &bytes)
+{
+    return appendNewSection(bytes);
+}
+
+bool TxPackage::appendHexByte(unsigned char b)
+{
+    return appendNewSection(QByteArray::number(b, 16).rightJustified(2, '0').toUpper());
+}
+
+bool TxPackage::appendByte2Ascii(unsigned char b)
+{
+    return appendHexByte(b);
+}
+
+bool TxPackage::appendLRCByte()
+{
+    return appendByte(UInt8CheckSum(reinterpret_cast<const unsigned char *>(m_data->constData()),
+                                    m_data->size()));
+}
+
+bool TxPackage::appendLRCAscii()
+{
+    return appendHexByte(UInt8CheckSum(reinterpret_cast<const unsigned char *>(m_data->constData()),
+                                       m_data->size()));
+}
+
+bool TxPackage::appendFCSAscii(int)
+{
+    return appendHexByte(calculateFCS(this, 0));
+}
+
+unsigned char TxPackage::calculateFCS(TxPackage *package, int excluded)
+{
+    if (!package)
+        return 0;
+    const int size = package->m_data->size() - qMax(excluded, 0);
+    return XorUInt8CheckSum(reinterpret_cast<const unsigned char *>(package->m_data->constData()),
+                            size);
+}
+
+bool TxPackage::setData(const QByteArray &bytes)
+{
+    *m_data = bytes;
+    return true;
+}
+
+bool TxPackage::setData(char *bytes, int length)
+{
+    if (!bytes || length < 0)
+        m_data->clear();
+    else
+        *m_data = QByteArray(bytes, length);
+    return true;
+}
+
+void TxPackage::setSectionSize(const QList<int> &sizes)
+{
+    m_sectionSizes = sizes;
+    qint64 total = 0;
+    for (int size : sizes)
+        total += qMax(size, 0);
+    m_data->resize(int(qMin<qint64>(total, INT_MAX)));
+}
+
+void TxPackage::clearAll()
+{
+    m_data->clear();
+    m_sectionSizes.clear();
+}
+
+int TxPackage::numberOfSections() const
+{
+    return m_sectionSizes.size();
+}
+
+int TxPackage::totalSize() const
+{
+    return m_data->size();
+}
+
+bool TxPackage::validSectionNumber(int i) const
+{
+    return i >= 0 && i < m_sectionSizes.size();
+}
+
+void TxPackage::layout(int last, QList<qint64> &starts, QList<int> &sizes) const
+{
+    qint64 start = 0;
+    for (int j = 0; j <= last; ++j) {
+        int size = m_sectionSizes.at(j);
+        if (size < 0) {
+            const int k = -size;
+            size = 0;
+            if (k < j && m_sectionSizes.at(k) >= 0 && starts.at(k) < m_data->size()) {
+                const QByteArray field
+                    = m_data->mid(int(starts.at(k)), qMin(m_sectionSizes.at(k), 4));
+                size = qMax(QByteArrayToInt(field), 0);
+            }
+        }
+        starts.append(start);
+        sizes.append(size);
+        start += size;
+    }
+}
+
+int TxPackage::sectionStartIndex(int i) const
+{
+    if (!validSectionNumber(i))
+        return -1;
+    QList<qint64> starts;
+    QList<int> sizes;
+    layout(i, starts, sizes);
+    return int(qMin<qint64>(starts.at(i), INT_MAX));
+}
+
+int TxPackage::sectionSize(int i) const
+{
+    if (!validSectionNumber(i))
+        return 0;
+    QList<qint64> starts;
+    QList<int> sizes;
+    layout(i, starts, sizes);
+    return sizes.at(i);
+}
+
+QByteArray TxPackage::dataAt(int i) const
+{
+    if (!validSectionNumber(i))
+        return QByteArray();
+    QList<qint64> starts;
+    QList<int> sizes;
+    layout(i, starts, sizes);
+    if (starts.at(i) >= m_data->size())
+        return QByteArray();
+    return m_data->mid(int(starts.at(i)), sizes.at(i));
+}
+
+char *TxPackage::data()
+{
+    return m_data->data();
+}
+
+QByteArray TxPackage::byteArrayData() const
+{
+    return *m_data;
+}
+
+int TxPackage::arrayToInt(const QByteArray &bytes) const
+{
+    return bytes.isEmpty() ? 0 : int(quint8(bytes.at(0)));
+}
+
+QString TxPackage::toString()
+{
+    return dumpByteArray(*m_data);
+}
+
+QList<int> EmptyPackageSizeList()
+{
+    return QList<int>();
+}
