@@ -1,0 +1,111 @@
+#ifndef PACKCALL_H
+#define PACKCALL_H
+
+// Calls the variadic packing functions with an argument list chosen at run time: every argument
+// is passed with its own C++ type, so the functions read each one with the type they expect.
+
+#include "tools.h"
+
+#include <QByteArray>
+#include <QMetaType>
+
+#include <vector>
+
+struct PackArg
+{
+    enum Kind { Value, Bytes, Words, DWords };
+    Kind kind = Value;
+    unsigned int value = 0;
+    const void *ptr = nullptr;
+
+    static PackArg number(unsigned int v) { return {Value, v, nullptr}; }
+    static PackArg bytes(const void *p) { return {Bytes, 0, p}; }
+    static PackArg words(const void *p) { return {Words, 0, p}; }
+    static PackArg dwords(const void *p) { return {DWords, 0, p}; }
+};
+Q_DECLARE_METATYPE(PackArg)
+Q_DECLARE_METATYPE(std::vector<PackArg>)
+
+// Storage for one unpacked item, by element width.
+struct UnpackArg
+{
+    int width = 1;
+    void *ptr = nullptr;
+};
+
+namespace packcall {
+
+constexpr int MaxPackArgs = 4;
+constexpr int MaxUnpackArgs = 5;
+
+template<int Left, typename F, typename... A>
+auto expandPack(F f, const PackArg *args, int n, A... a)
+{
+    if constexpr (Left == 0) {
+        return f(a...);
+    } else {
+        if (n == 0)
+            return f(a...);
+        switch (args->kind) {
+        case PackArg::Bytes:
+            return expandPack<Left - 1>(f, args + 1, n - 1, a...,
+                                        static_cast<const unsigned char *>(args->ptr));
+        case PackArg::Words:
+            return expandPack<Left - 1>(f, args + 1, n - 1, a...,
+                                        static_cast<const unsigned short *>(args->ptr));
+        case PackArg::DWords:
+            return expandPack<Left - 1>(f, args + 1, n - 1, a...,
+                                        static_cast<const unsigned int *>(args->ptr));
+        default:
+            return expandPack<Left - 1>(f, args + 1, n - 1, a..., args->value);
+        }
+    }
+}
+
+template<int Left, typename F, typename... A>
+auto expandUnpack(F f, const UnpackArg *args, int n, A... a)
+{
+    if constexpr (Left == 0) {
+        return f(a...);
+    } else {
+        if (n == 0)
+            return f(a...);
+        switch (args->width) {
+        case 2:
+            return expandUnpack<Left - 1>(f, args + 1, n - 1, a...,
+                                          static_cast<unsigned short *>(args->ptr));
+        case 4:
+            return expandUnpack<Left - 1>(f, args + 1, n - 1, a...,
+                                          static_cast<unsigned int *>(args->ptr));
+        default:
+            return expandUnpack<Left - 1>(f, args + 1, n - 1, a...,
+                                          static_cast<unsigned char *>(args->ptr));
+        }
+    }
+}
+
+} // namespace packcall
+
+// Each returns the function's result; more arguments than the Max* counts are not passed.
+inline QByteArray callByteArrayPack(const char *format, const std::vector<PackArg> &args)
+{
+    return packcall::expandPack<packcall::MaxPackArgs>(
+        [format](auto... a) { return ByteArrayPack(format, a...); }, args.data(), int(args.size()));
+}
+
+inline int callDataPack(unsigned char *buffer, const char *format, const std::vector<PackArg> &args)
+{
+    return packcall::expandPack<packcall::MaxPackArgs>(
+        [buffer, format](auto... a) { return DataPack(buffer, format, a...); }, args.data(),
+        int(args.size()));
+}
+
+inline int callDataUnpack(const unsigned char *data, const char *format,
+                          const std::vector<UnpackArg> &args)
+{
+    return packcall::expandUnpack<packcall::MaxUnpackArgs>(
+        [data, format](auto... a) { return DataUnpack(data, format, a...); }, args.data(),
+        int(args.size()));
+}
+
+#endif // PACKCALL_H

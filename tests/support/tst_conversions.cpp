@@ -1,0 +1,376 @@
+#include "communicatorcommand.h"
+#include "lib_crc.h"
+#include "tools.h"
+
+#include <QRandomGenerator>
+#include <QtTest>
+
+#include <unistd.h>
+
+namespace {
+
+const QByteArray checkDigits("123456789");
+
+enum class Crc { Arc, Crc32, CcittFalse, Xmodem, Kermit, Dnp, Sick };
+
+// Bitwise CRC of a reflected (least significant bit first) register.
+quint32 reflectedReference(const QByteArray &data, quint32 poly, quint32 crc)
+{
+    for (char c : data) {
+        crc ^= quint8(c);
+        for (int bit = 0; bit < 8; ++bit)
+            crc = (crc & 1u) ? (crc >> 1) ^ poly : crc >> 1;
+    }
+    return crc;
+}
+
+// Bitwise CRC-16 with the most significant bit first.
+quint16 msbFirstReference(const QByteArray &data, quint16 poly, quint16 crc)
+{
+    for (char c : data) {
+        for (int bit = 7; bit >= 0; --bit) {
+            const bool top = ((crc >> 15) & 1u) != ((quint8(c) >> bit) & 1u);
+            crc = quint16(crc << 1);
+            if (top)
+                crc ^= poly;
+        }
+    }
+    return crc;
+}
+
+// The SICK checksum as the sensors describe it: shift the register once per byte, adding the
+// polynomial when a one falls out, then mix in the byte and its predecessor as one 16-bit word.
+quint16 sickReference(const QByteArray &data)
+{
+    quint32 reg = 0;
+    quint8 previous = 0;
+    for (char c : data) {
+        reg <<= 1;
+        if (reg & 0x10000u)
+            reg ^= 0x18005u;
+        reg ^= quint32(previous) * 256u + quint8(c);
+        previous = quint8(c);
+    }
+    return quint16(reg);
+}
+
+quint32 byTable(Crc kind, const QByteArray &data)
+{
+    switch (kind) {
+    case Crc::Arc:
+        return CRC16Calculate(reinterpret_cast<const unsigned char *>(data.constData()),
+                              data.size());
+    case Crc::Crc32: {
+        unsigned int crc = 0xFFFFFFFFu;
+        for (char c : data)
+            crc = update_crc_32(crc, quint8(c));
+        return crc ^ 0xFFFFFFFFu;
+    }
+    case Crc::CcittFalse:
+    case Crc::Xmodem: {
+        unsigned short crc = kind == Crc::CcittFalse ? 0xFFFF : 0;
+        for (char c : data)
+            crc = update_crc_ccitt(crc, quint8(c));
+        return crc;
+    }
+    case Crc::Kermit: {
+        unsigned short crc = 0;
+        for (char c : data)
+            crc = update_crc_kermit(crc, quint8(c));
+        return crc;
+    }
+    case Crc::Dnp: {
+        unsigned short crc = 0;
+        for (char c : data)
+            crc = update_crc_dnp(crc, quint8(c));
+        return quint16(~crc);
+    }
+    case Crc::Sick: {
+        unsigned short crc = 0;
+        unsigned char previous = 0;
+        for (char c : data) {
+            crc = update_crc_sick(crc, quint8(c), previous);
+            previous = quint8(c);
+        }
+        return crc;
+    }
+    }
+    return 0;
+}
+
+quint32 byReference(Crc kind, const QByteArray &data)
+{
+    switch (kind) {
+    case Crc::Arc:
+        return reflectedReference(data, 0xA001, 0);
+    case Crc::Crc32:
+        return reflectedReference(data, 0xEDB88320u, 0xFFFFFFFFu) ^ 0xFFFFFFFFu;
+    case Crc::CcittFalse:
+        return msbFirstReference(data, 0x1021, 0xFFFF);
+    case Crc::Xmodem:
+        return msbFirstReference(data, 0x1021, 0);
+    case Crc::Kermit:
+        return reflectedReference(data, 0x8408, 0);
+    case Crc::Dnp:
+        return reflectedReference(data, 0xA6BC, 0) ^ 0xFFFFu;
+    case Crc::Sick:
+        return sickReference(data);
+    }
+    return 0;
+}
+
+CommunicatorCommand command(int type, quint32 length)
+{
+    return CommunicatorCommand(static_cast<CommunicatorCommand::DataType>(type), length, "d0");
+}
+
+} // namespace
+
+Q_DECLARE_METATYPE(Crc)
+
+class TestConversions : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void crc_data()
+    {
+        QTest::addColumn<Crc>("kind");
+        QTest::addColumn<quint32>("check");
+        QTest::newRow("CRC-16/ARC") << Crc::Arc << 0xBB3Du;
+        QTest::newRow("CRC-32") << Crc::Crc32 << 0xCBF43926u;
+        QTest::newRow("CRC-16/CCITT-FALSE") << Crc::CcittFalse << 0x29B1u;
+        QTest::newRow("CRC-16/XMODEM") << Crc::Xmodem << 0x31C3u;
+        QTest::newRow("CRC-16/KERMIT") << Crc::Kermit << 0x2189u;
+        QTest::newRow("CRC-16/DNP") << Crc::Dnp << 0xEA82u;
+        QTest::newRow("SICK") << Crc::Sick << 0xA656u;
+    }
+
+    void crc()
+    {
+        QFETCH(Crc, kind);
+        QFETCH(quint32, check);
+        QCOMPARE(byTable(kind, checkDigits), check);
+        QCOMPARE(byReference(kind, checkDigits), check);
+
+        QRandomGenerator random(0xC0FFEE + int(kind));
+        for (int round = 0; round < 200; ++round) {
+            QByteArray data(int(random.bounded(64)), '\0');
+            for (char &c : data)
+                c = char(random.bounded(256));
+            QCOMPARE(byTable(kind, data), byReference(kind, data));
+        }
+    }
+
+    void checksums()
+    {
+        const unsigned char data[] = {0xFF, 0x02, 0x80, 0x80};
+        QCOMPARE(UInt8CheckSum(data, 4), (unsigned char)0x01);
+        QCOMPARE(UShortCheckSum(data, 4), (unsigned short)0x0201);
+        QCOMPARE(XorUInt8CheckSum(data, 4), (unsigned char)0xFD);
+        QCOMPARE(UInt8CheckSum(data, 0), (unsigned char)0);
+        QCOMPARE(XorUInt8CheckSum(data, -3), (unsigned char)0);
+        QCOMPARE(CRC16Calculate(nullptr, 9), (unsigned short)0);
+    }
+
+    void hexToUInt_data()
+    {
+        QTest::addColumn<QByteArray>("text");
+        QTest::addColumn<int>("len");
+        QTest::addColumn<uint>("value");
+        QTest::newRow("plain") << QByteArray("1A") << 2 << 26u;
+        QTest::newRow("0x prefix") << QByteArray("0x1A") << 4 << 26u;
+        QTest::newRow("0X prefix") << QByteArray("0X1a") << 4 << 26u;
+        QTest::newRow("leading zero") << QByteArray("01A") << 3 << 26u;
+        QTest::newRow("bad digit") << QByteArray("1G") << 2 << 0u;
+        QTest::newRow("len cuts") << QByteArray("123") << 2 << 0x12u;
+        QTest::newRow("zero byte ends") << QByteArray("12\0"
+                                                      "3",
+                                                      4)
+                                        << 4 << 0x12u;
+        QTest::newRow("prefix only") << QByteArray("0x") << 2 << 0u;
+        QTest::newRow("prefix cut by len") << QByteArray("0x12") << 2 << 0u;
+        QTest::newRow("zero") << QByteArray("0") << 1 << 0u;
+        QTest::newRow("nine digits keep low 32 bits")
+            << QByteArray("123456789") << 9 << 0x23456789u;
+        QTest::newRow("max") << QByteArray("FFFFFFFF") << 8 << 0xFFFFFFFFu;
+        QTest::newRow("len 0") << QByteArray("12") << 0 << 0u;
+        QTest::newRow("negative len") << QByteArray("12") << -1 << 0u;
+    }
+
+    void hexToUInt()
+    {
+        QFETCH(QByteArray, text);
+        QFETCH(int, len);
+        QFETCH(uint, value);
+        QCOMPARE(HexToUInt(text.constData(), len), value);
+    }
+
+    void rightShift_data()
+    {
+        QTest::addColumn<QByteArray>("before");
+        QTest::addColumn<int>("n");
+        QTest::addColumn<QByteArray>("after");
+        QTest::newRow("256 >> 4") << QByteArray::fromHex("0001") << 4
+                                  << QByteArray::fromHex("1000");
+        QTest::newRow("256 >> 8") << QByteArray::fromHex("0001") << 8
+                                  << QByteArray::fromHex("0100");
+        QTest::newRow("carry across three bytes")
+            << QByteArray::fromHex("0FF0A5") << 12 << QByteArray::fromHex("5F0A00");
+        QTest::newRow("zero bits")
+            << QByteArray::fromHex("8001") << 0 << QByteArray::fromHex("8001");
+        QTest::newRow("all out") << QByteArray::fromHex("FFFF") << 16
+                                 << QByteArray::fromHex("0000");
+        QTest::newRow("far out") << QByteArray::fromHex("FF") << 1000 << QByteArray::fromHex("00");
+        QTest::newRow("negative") << QByteArray::fromHex("FF") << -3 << QByteArray::fromHex("FF");
+        QTest::newRow("empty") << QByteArray() << 3 << QByteArray();
+    }
+
+    void rightShift()
+    {
+        QFETCH(QByteArray, before);
+        QFETCH(int, n);
+        QFETCH(QByteArray, after);
+        RightShiftNBits(before, n);
+        QCOMPARE(before.toHex(), after.toHex());
+    }
+
+    void byteOrder()
+    {
+        QByteArray abc("ABC");
+        toLittleEndianUShortArray(abc);
+        QCOMPARE(abc, QByteArray("BAC"));
+        QByteArray six("ABCDEF");
+        toLittleEndianULongArray(six);
+        QCOMPARE(six, QByteArray("DCBAEF"));
+        QCOMPARE(toBigEndianUShortArray("ABC"), QByteArray("BA\0C", 4));
+        QCOMPARE(toBigEndianULongArray("ABCDE"), QByteArray("DCBA\0\0\0E", 8));
+        const unsigned char raw[] = {1, 2, 3, 4};
+        QCOMPARE(fromBigEndianUShortArray(raw, 2), QByteArray::fromHex("02010403"));
+        QCOMPARE(fromBigEndianULongArray(raw, 1), QByteArray::fromHex("04030201"));
+        QByteArray appended;
+        appendBigEndianUShort(appended, 0x1234);
+        QCOMPARE(appended, QByteArray::fromHex("1234"));
+        QCOMPARE(reverseArray("abc"), QByteArray("cba"));
+        int values[] = {1, 2, 3, 4, 5};
+        RotateArray(values, 2, 3);
+        QCOMPARE(QList<int>({values[0], values[1], values[2], values[3], values[4]}),
+                 QList<int>({3, 4, 5, 1, 2}));
+    }
+
+    void safeData_data()
+    {
+        QTest::addColumn<int>("type");
+        QTest::addColumn<uint>("length");
+        QTest::addColumn<int>("dataSize");
+        QTest::addColumn<int>("safeSize");
+        QTest::newRow("bits 9") << 0 << 9u << 0 << 2;
+        QTest::newRow("bits 0") << 0 << 0u << 3 << 0;
+        QTest::newRow("type 6 as bits") << 6 << 17u << 1 << 3;
+        QTest::newRow("bytes") << 1 << 3u << 5 << 3;
+        QTest::newRow("block") << 5 << 4u << 1 << 4;
+        QTest::newRow("words") << 2 << 3u << 6 << 6;
+        QTest::newRow("dwords padded") << 3 << 2u << 3 << 8;
+        QTest::newRow("dwords cut") << 3 << 2u << 10 << 8;
+        QTest::newRow("qwords") << 4 << 1u << 0 << 8;
+        QTest::newRow("unknown type") << 7 << 4u << 4 << 0;
+        QTest::newRow("too large") << 4 << 0xFFFFFFFFu << 4 << -1;
+    }
+
+    void safeData()
+    {
+        QFETCH(int, type);
+        QFETCH(uint, length);
+        QFETCH(int, dataSize);
+        QFETCH(int, safeSize);
+        const CommunicatorCommand cmd = command(type, length);
+        QCOMPARE(GetSafeDataLen(cmd), safeSize);
+        QByteArray data(dataSize, '\0');
+        for (int i = 0; i < dataSize; ++i)
+            data[i] = char(i + 1);
+        const QByteArray safe = ToSafeData(cmd, data);
+        QCOMPARE(safe.size(), qMax(safeSize, 0));
+        const int kept = qMin(dataSize, safe.size());
+        QCOMPARE(safe.left(kept), data.left(kept));
+        QCOMPARE(safe.mid(kept), QByteArray(safe.size() - kept, '\0'));
+    }
+
+    void padding()
+    {
+        QCOMPARE(To64bitsData(QByteArray(5, 'a')).size(), 8);
+        QCOMPARE(To64bitsData(QByteArray(8, 'a')), QByteArray(8, 'a'));
+        QCOMPARE(To64bitsData(QByteArray(12, 'a')).size(), 16);
+        QCOMPARE(To32bitsData("abcde"), QByteArray("abcde\0\0\0", 8));
+        QCOMPARE(To16bitsData(QByteArray()), QByteArray());
+    }
+
+    void bitStrings()
+    {
+        QCOMPARE(ExpandBitsToBytes(QByteArray::fromHex("05"), 0, 4),
+                 QByteArray::fromHex("01000100"));
+        QCOMPARE(ExpandBitsToBytes(QByteArray::fromHex("0080"), 15, 3),
+                 QByteArray::fromHex("010000"));
+        QByteArray twelve = QByteArray::fromHex("FFFF");
+        clearUnnecessaryBits(twelve, 12);
+        QCOMPARE(twelve, QByteArray::fromHex("FF0F"));
+        clearUnnecessaryBits(twelve, 16);
+        clearUnnecessaryBits(twelve, 35);
+        QCOMPARE(twelve, QByteArray::fromHex("FF0F"));
+        FitBitArray(twelve, 9);
+        QCOMPARE(twelve.size(), 2);
+        FitBitArray(twelve, -1);
+        QCOMPARE(twelve.size(), 0);
+
+        // Copies 12 bits to bit 6 onward: the destination grows a byte at a time as needed.
+        QByteArray dst = QByteArray::fromHex("3F");
+        QByteArray src = QByteArray::fromHex("FF0A");
+        CopyBits(dst, src, 6, 12);
+        QCOMPARE(dst.toHex(), QByteArray("ffbf02"));
+        CopyBits(dst, src, 0, 1000);
+        QCOMPARE(dst.toHex(), QByteArray("ff0a02"));
+    }
+
+    void unitCounts()
+    {
+        QCOMPARE(NumOfBitsToNumOfBytes(3, 6), 2u);
+        QCOMPARE(NumOfBitsToNumOfWords(0, 16), 1u);
+        QCOMPARE(NumOfBitsToNumOfDWords(1, 32), 2u);
+        QCOMPARE(NumOfBitsToNumOfBytes(0xFFFFFFFFu, 1), 0x20000000u);
+        QCOMPARE(NumOfBytesToNumOfWords(3), 2u);
+        QCOMPARE(NumOfBytesToNumOfDWords(0xFFFFFFFFu), 0x40000000u);
+        QCOMPARE(NumOfBytesToNumOfQuadWords(9), 2u);
+    }
+
+    void commandTypes()
+    {
+        QVERIFY(isBitCommand(command(0, 1)));
+        QVERIFY(isByteCommand(command(1, 1)));
+        QVERIFY(isWordCommand(command(2, 1)));
+        QVERIFY(isDoubleWordCommand(command(3, 1)));
+        QVERIFY(isBlockCommand(command(5, 1)));
+        QVERIFY(!isBitCommand(command(4, 1)) && !isBlockCommand(command(4, 1)));
+    }
+
+    void timeAndProcesses()
+    {
+        const qint64 before = CurrentMSecsSinceBoot();
+        HRSleep(20);
+        QVERIFY(CurrentMSecsSinceBoot() - before >= 20);
+        QVERIFY(ProcessIsRunning(getpid()));
+        QVERIFY(!ProcessIsRunning(0));
+        QVERIFY(!ProcessIsRunning(-1));
+        QVERIFY(!ProcessIsRunning(1LL << 40));
+    }
+
+    void dump()
+    {
+        QCOMPARE(dumpByteArray(QByteArray::fromHex("120A")),
+                 QStringLiteral("(0X12 0Xa ) : \x12\n"));
+        QCOMPARE(dumpByteArray(QByteArray("ab\0c", 4)),
+                 QStringLiteral("(0X61 0X62 0X0 0X63 ) : ab"));
+        QCOMPARE(dumpByteArray(QByteArray()), QStringLiteral("() : "));
+    }
+};
+
+QTEST_APPLESS_MAIN(TestConversions)
+#include "tst_conversions.moc"
