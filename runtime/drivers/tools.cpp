@@ -933,9 +933,10 @@ namespace {
 // that cannot be opened or a failing statement gives no rows.
 template<typename Row> void forEachRow(const QString &connection, const QString &statement, Row row)
 {
-    const QSqlDatabase db = QSqlDatabase::database(connection, true);
-    if (!db.isOpen()) {
-        qCDebug(lcDriverSupport) << "project database not open:" << connection;
+    QSqlDatabase db = QSqlDatabase::database(connection, false);
+    if (!db.isOpen() && !db.open()) {
+        qCDebug(lcDriverSupport) << "project database" << connection
+                                 << "not open:" << db.lastError().text();
         return;
     }
     QSqlQuery query(db);
