@@ -10,7 +10,9 @@
 class CommunicatorCommand
 {
 public:
-    enum DataType {
+    // A 32-bit enumeration with a fixed underlying type: the run-time may hand in any value, and
+    // every int is then a valid one.
+    enum DataType : qint32 {
         BitType = 0,
         ByteType = 1,
         WordType = 2,
