@@ -122,7 +122,7 @@ private slots:
 
     void configurationOnly()
     {
-        QVERIFY(!qApp->property("zel_env").isValid());
+        QVERIFY(!QCoreApplication::instance()->property("zel_env").isValid());
         DriverHushCNC driver;
         CommunicatorCommand cmd(CommunicatorCommand::DWordType, 1, QStringLiteral("DW100"));
         QVERIFY(driver.read(nullptr, cmd).isEmpty());
