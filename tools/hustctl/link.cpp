@@ -1,5 +1,6 @@
 #include "link.h"
 
+#include "builtinsimulator.h"
 #include "driverinterface.h"
 #include "drv_dev_setting.h"
 #include "serialport.h"
@@ -35,7 +36,13 @@ bool Link::open(const LinkOptions &options, DriverInterface *driver, QString *er
     if (options.delayMs >= 0)
         timing->delay = options.delayMs;
 
-    const QString path = options.device;
+    QString path = options.device;
+    if (path.isEmpty()) {
+        m_simulator = BuiltInSimulator::start(options, error);
+        if (!m_simulator)
+            return false;
+        path = m_simulator->devicePath();
+    }
     const DeviceSetting device(DEVICE_SERIAL, path, options.baud, options.dataBits,
                                options.stopBits, parityCode(options.parity));
     m_port = std::make_unique<SerialPort>(device, *timing);
@@ -44,16 +51,10 @@ bool Link::open(const LinkOptions &options, DriverInterface *driver, QString *er
         m_port.reset();
         return false;
     }
-    m_description = path;
     return true;
 }
 
 AbstractDeviceInterface *Link::port() const
 {
     return m_port.get();
-}
-
-QString Link::description() const
-{
-    return m_description;
 }

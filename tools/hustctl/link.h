@@ -8,6 +8,7 @@
 #include <memory>
 
 class AbstractDeviceInterface;
+class BuiltInSimulator;
 class DriverInterface;
 class SerialPort;
 
@@ -23,12 +24,10 @@ public:
     // them. False with the system's reason.
     bool open(const LinkOptions &options, DriverInterface *driver, QString *error);
     AbstractDeviceInterface *port() const;
-    // "/dev/ttyS1" or "simulator on /dev/pts/4".
-    QString description() const;
 
 private:
+    std::unique_ptr<BuiltInSimulator> m_simulator; // destroyed after the port
     std::unique_ptr<SerialPort> m_port;
-    QString m_description;
 };
 
 #endif // HUSTCTL_LINK_H
