@@ -1,6 +1,11 @@
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
-#include <QTemporaryFile>
 #include <QtTest>
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 namespace {
 
@@ -36,6 +41,12 @@ QString describe(const Run &run)
         .arg(QString::fromUtf8(run.out), QString::fromUtf8(run.err));
 }
 
+// Arguments that put hustctl on the unpaced built-in simulator.
+QStringList onSimulator(const QStringList &args)
+{
+    return QStringList {QStringLiteral("--no-pace")} + args;
+}
+
 } // namespace
 
 class TestHustctl : public QObject
@@ -43,6 +54,12 @@ class TestHustctl : public QObject
     Q_OBJECT
 
 private slots:
+    void initTestCase()
+    {
+        const Run probe = hustctl({"read", "DW0", "--no-pace", "--timeout", "3000"});
+        m_haveSimulator = !probe.err.contains("no built-in controller simulator");
+    }
+
     void refusals_data()
     {
         QTest::addColumn<QStringList>("args");
@@ -123,6 +140,123 @@ private slots:
         QVERIFY2(QString::fromUtf8(run.err).contains(reason), qPrintable(describe(run)));
     }
 
+    void read_data()
+    {
+        QTest::addColumn<QStringList>("args");
+        QTest::addColumn<QByteArray>("out");
+
+        QTest::newRow("dwords")
+            << QStringList {"--sim-set", "100=1", "--sim-set", "101=2", "--json", "read",
+                            "DW100",     "-t",    "dword",     "-c",    "2"}
+            << QByteArray("{\"address\": \"DW100\", \"type\": \"dword\", \"values\": [1, 2]}\n");
+        QTest::newRow("options after the command word")
+            << QStringList {"read", "DW100", "--json", "--sim-set=100=0xffffffff"}
+            << QByteArray(
+                   "{\"address\": \"DW100\", \"type\": \"dword\", \"values\": [4294967295]}\n");
+        QTest::newRow("words are halves of double words")
+            << QStringList {"--sim-set", "100=0x56781234", "read", "DW100", "-t", "word", "-c",
+                            "2",         "--json"}
+            << QByteArray(
+                   "{\"address\": \"DW100\", \"type\": \"word\", \"values\": [4660, 22136]}\n");
+        QTest::newRow("input bits")
+            << QStringList {"--sim-set", "10800=0x20", "--json", "read", "I4", "-c", "3"}
+            << QByteArray("{\"address\": \"I4\", \"type\": \"bit\", \"values\": [0, 1, 0]}\n");
+        QTest::newRow("top bit of a register")
+            << QStringList {"--sim-set", "10=0x80000000", "--json", "read", "B10.31"}
+            << QByteArray("{\"address\": \"B10.31\", \"type\": \"bit\", \"values\": [1]}\n");
+        QTest::newRow("human-readable")
+            << QStringList {"--sim-set", "7=26", "read", "DW7", "-c", "2"}
+            << QByteArray("DW7  26 (0x0000001a)\nDW8  0 (0x00000000)\n");
+    }
+
+    void read()
+    {
+        QFETCH(QStringList, args);
+        QFETCH(QByteArray, out);
+        if (!m_haveSimulator)
+            QSKIP("this build has no built-in simulator");
+        const Run run = hustctl(onSimulator(args));
+        QVERIFY2(run.status == 0, qPrintable(describe(run)));
+        QCOMPARE(run.out, out);
+    }
+
+    void write_data()
+    {
+        QTest::addColumn<QStringList>("args");
+        QTest::addColumn<QByteArray>("out");
+
+        QTest::newRow("one double word")
+            << QStringList {"write", "DW200", "77", "--json"}
+            << QByteArray("{\"address\": \"DW200\", \"type\": \"dword\", \"values\": [77]}\n");
+        QTest::newRow("consecutive double words")
+            << QStringList {"--json", "write", "B300", "1", "0x10", "-1"}
+            << QByteArray("{\"address\": \"B300\", \"type\": \"dword\", \"values\": [1, 16, "
+                          "4294967295]}\n");
+        QTest::newRow("set a bit")
+            << QStringList {"--sim-set", "10=0x1", "write", "B10.3", "1", "--json"}
+            << QByteArray("{\"address\": \"B10.3\", \"type\": \"bit\", \"values\": [1]}\n");
+        QTest::newRow("clear a bit")
+            << QStringList {"--sim-set", "10=0xffffffff", "write", "B10.0", "0", "--json"}
+            << QByteArray("{\"address\": \"B10.0\", \"type\": \"bit\", \"values\": [0]}\n");
+    }
+
+    // A write is confirmed by reading the values back from the controller.
+    void write()
+    {
+        QFETCH(QStringList, args);
+        QFETCH(QByteArray, out);
+        if (!m_haveSimulator)
+            QSKIP("this build has no built-in simulator");
+        const Run run = hustctl(onSimulator(args));
+        QVERIFY2(run.status == 0, qPrintable(describe(run)));
+        QCOMPARE(run.out, out);
+    }
+
+    void watchJson()
+    {
+        if (!m_haveSimulator)
+            QSKIP("this build has no built-in simulator");
+        const Run run
+            = hustctl(onSimulator({"--sim-set", "100=5", "--sim-set", "10800=0x20", "--json",
+                                   "watch", "DW100", "I5", "DW0:dword", "-n", "2", "-l", "100"}));
+        QVERIFY2(run.status == 0, qPrintable(describe(run)));
+        const QList<QByteArray> lines = run.out.trimmed().split('\n');
+        QCOMPARE(lines.size(), 2);
+        double previous = -1;
+        for (const QByteArray &line : lines) {
+            const QJsonObject refresh = QJsonDocument::fromJson(line).object();
+            QVERIFY2(refresh.value("t").toDouble() > previous, line.constData());
+            previous = refresh.value("t").toDouble();
+            const QJsonObject values = refresh.value("values").toObject();
+            QCOMPARE(values.keys(), (QStringList {"DW0:dword", "DW100", "I5"}));
+            QCOMPARE(values.value("DW100").toInt(), 5);
+            QCOMPARE(values.value("I5").toInt(), 1);
+        }
+        QVERIFY(line(lines.first()).indexOf("DW100") < line(lines.first()).indexOf("I5"));
+    }
+
+    void demo()
+    {
+        if (!m_haveSimulator)
+            QSKIP("this build has no built-in simulator");
+        const Run run = hustctl({"demo"}, 60000);
+        QVERIFY2(run.status == 0, qPrintable(describe(run)));
+        QVERIFY2(run.out.contains("changed"), run.out.constData());
+    }
+
+    // A line on which the controller never answers.
+    void silentLine()
+    {
+        const int master = posix_openpt(O_RDWR | O_NOCTTY);
+        QVERIFY(master >= 0);
+        QVERIFY(grantpt(master) == 0 && unlockpt(master) == 0);
+        const QString slave = QString::fromLocal8Bit(ptsname(master));
+        const Run run = hustctl({"read", "DW1", "-p", slave, "--timeout", "300"});
+        close(master);
+        QVERIFY2(run.status == 1, qPrintable(describe(run)));
+        QCOMPARE(run.err, QByteArray("hustctl: DW1: no data within 300 ms\n"));
+    }
+
     void info()
     {
         const Run run = hustctl({"info"});
@@ -137,6 +271,11 @@ private slots:
         QVERIFY2(run.status == 0, qPrintable(describe(run)));
         QVERIFY(run.out.startsWith("usage: hustctl"));
     }
+
+private:
+    static QString line(const QByteArray &bytes) { return QString::fromUtf8(bytes); }
+
+    bool m_haveSimulator = false;
 };
 
 QTEST_GUILESS_MAIN(TestHustctl)

@@ -53,7 +53,9 @@ bool DriverHost::write(const CommunicatorCommand &command, const QByteArray &dat
 {
     if (m_driver->write(m_port, command, data))
         return true;
-    *error = m_driver->getLastError();
+    *error = m_driver->hasError() ? m_driver->getLastError() : QString();
+    if (error->isEmpty())
+        *error = QStringLiteral("the driver refused the write");
     return false;
 }
 
