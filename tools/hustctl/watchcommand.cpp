@@ -73,9 +73,6 @@ int WatchCommand::run(CommandEnv &env)
     const CtlOptions &o = env.options;
     const int interval = o.intervalMs > 0 ? o.intervalMs : kDefaultIntervalMs;
     const bool inPlace = !o.json && isatty(STDOUT_FILENO);
-    interrupted = false;
-    const auto previousHandler = std::signal(SIGINT, onInterrupt);
-
     QElapsedTimer clock;
     clock.start();
     env.host->setSession(sessionCommands(m_targets));
@@ -85,12 +82,14 @@ int WatchCommand::run(CommandEnv &env)
     for (const Target &target : qAsConst(m_targets)) {
         QVector<quint32> v;
         QString error;
-        if (!readTarget(*env.host, target, o.timeoutMs, &v, &error)) {
-            std::signal(SIGINT, previousHandler);
+        if (!readTarget(*env.host, target, o.timeoutMs, &v, &error))
             return fail(env.err, error);
-        }
         values << v;
     }
+
+    // From here on Ctrl-C ends the watch after the refresh under way.
+    interrupted = false;
+    const auto previousHandler = std::signal(SIGINT, onInterrupt);
 
     InPlaceBlock block;
     QString lastError;
