@@ -1,0 +1,88 @@
+#ifndef DRIVERHUSHCNCREADERTHREAD_H
+#define DRIVERHUSHCNCREADERTHREAD_H
+
+#include <QByteArray>
+#include <QObject>
+#include <QStringList>
+#include <QVector>
+
+#include <atomic>
+
+class AbstractDeviceInterface;
+class DriverHushCNC;
+class DriverInterface;
+
+typedef quint32 DWORD;
+
+class Worker;
+
+// The link worker: owns the serial exchange with the controller and runs in its own thread.
+// It reads the driver's list of double words in a loop and hands each block to the driver's
+// cache, and it frames and sends double-word and bit writes.
+class DriverHushCNCReaderWriter : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit DriverHushCNCReaderWriter(QObject *parent = nullptr);
+    ~DriverHushCNCReaderWriter() override;
+
+    void setReadInterface(AbstractDeviceInterface *interface);
+    void setDriverInterface(DriverInterface *driver);
+
+    static int offsetAddressForWordType(const QString &prefix, int index);
+    static void reCalculateAddrAndLengthForWordType(const QString &prefix, int &address,
+                                                    int &length);
+    static int getBitLoc(const QString &address);
+
+signals:
+    void updateDWordByteArray(QByteArray dwordByteArray);
+    void setReadLoopTimeoutError();
+    void setWriteDWordError();
+    void setWriteBitError();
+
+public slots:
+    void getAddrValRightaway(QStringList addrList, quintptr responseByteArrayPointer);
+    void stopLoopRead();
+    void startLoopRead(QStringList addrList);
+    void writeDWord(QString address, int dwordLength, QByteArray writeData);
+    void writeBit(QString address, bool val);
+    void loopRead();
+    void showOverflowMsg(int num);
+
+private slots:
+    void toggleUartInterrupt(int port, bool enable);
+    int calculateRxBufSize();
+    void checkRxBufAndExit();
+    void packDWordList(const QByteArray &baData, QVector<DWORD> &dwords, int dwordLength);
+    QByteArray packWriteBtypeBitCmd(int addr_val, int bitLoc, bool val);
+    QByteArray packWriteDWordCmd(int addr_val, DWORD val);
+    void sendTxBufForRead(const QByteArray &tx_buf);
+    QByteArray extractDataFromRespBuf(const QStringList &data, const int &data_length,
+                                      bool &isFullData);
+    void sendStopSendCommand(int baseLength = 0);
+    QByteArray packReadBytesCmd();
+    void readFromCNCController(bool isResponse = false, QByteArray *response = nullptr);
+    void retrySendReadCommand(QByteArray &rx_buf, int &tmpSize, int &loop, int &rx_buf_size);
+
+private:
+    QStringList m_addrList;
+    AbstractDeviceInterface *m_readInterface;
+    int m_stopSendCmdLength;
+    QByteArray m_stopSendCmd;
+    char m_rxChunk[250];
+    QString m_responsePattern;
+    DriverHushCNC *m_driver;
+    QByteArray m_lastFullBlock;
+    QString m_lastHCode;
+    bool m_cmdJustSent;
+    Worker *m_overflowWorker;
+
+public:
+    // Shared with the driver's thread: the driver sets the stop flag through stopLoopRead() and
+    // reads m_isLoopReading to decide whether to ask for another cycle.
+    std::atomic<bool> m_isStopLoopRead;
+    std::atomic<bool> m_isLoopReading;
+};
+
+#endif // DRIVERHUSHCNCREADERTHREAD_H
