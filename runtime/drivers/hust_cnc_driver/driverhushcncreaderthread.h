@@ -66,6 +66,17 @@ private slots:
     void retrySendReadCommand(QByteArray &rx_buf, int &tmpSize, int &loop, int &rx_buf_size);
 
 private:
+    // Unit tests reach the private slots that take reference arguments through this class,
+    // defined only there.
+    friend class DriverHushCNCReaderWriterTestAccess;
+
+    // One port read into m_rxChunk; the number of bytes read, 0 to maxSize.
+    int readChunk(int maxSize);
+    // Hands a decoded block to the immediate caller or, in loop mode, to the driver's cache.
+    void deliver(const QByteArray &block, bool isFullData, bool isResponse, QByteArray *response);
+    // Ends a cycle whose match attempts kept failing.
+    void giveUp(bool isResponse);
+
     QStringList m_addrList;
     AbstractDeviceInterface *m_readInterface;
     int m_stopSendCmdLength;

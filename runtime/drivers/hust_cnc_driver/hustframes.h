@@ -1,0 +1,74 @@
+#ifndef HUSTFRAMES_H
+#define HUSTFRAMES_H
+
+#include <QByteArray>
+#include <QRegExp>
+#include <QString>
+#include <QStringList>
+
+// Register frames of the controller link and the grammar of its read responses. Request frames
+// are DC2 "%" CR, CR-terminated text lines, "%" DC4; values travel as hexadecimal digits written
+// with the characters '0' + n, so 10 to 15 appear as ':' to '?'.
+namespace HustFrames {
+
+constexpr char DC2 = 0x12;
+constexpr char DC4 = 0x14;
+constexpr char CR = 0x0D;
+
+// Field limits of the frames: a two-digit address count, five-digit double-word numbers and
+// two-digit bit positions.
+constexpr int MaxAddressCount = 99;
+constexpr int MaxDWordNumber = 99999;
+constexpr int MaxBitPosition = 99;
+
+// The read request for a list of double-word names; empty when the list has more than
+// MaxAddressCount entries.
+QByteArray readRequest(const QStringList &addrList);
+// Ends the controller's stream of responses.
+QByteArray stopFrame();
+// Writes one double word; empty when addr is outside 0 to MaxDWordNumber.
+QByteArray writeDWordFrame(int addr, quint32 value);
+// Sets (value true) or clears one bit of a double word; empty when addr or bit does not fit.
+QByteArray writeBitFrame(int addr, int bit, bool value);
+
+// Size of one response for n addresses.
+inline int responseSize(int n)
+{
+    return 10 * n + 25;
+}
+
+// The response grammar for n addresses. The lenient form accepts H and d values of 5 to 8
+// characters, as the controller sometimes sends them when it is busy.
+QString responsePattern(int n, bool lenient);
+
+// Value characters of one received value text turned into a double word; 0 when the text is
+// not eight hexadecimal digits.
+quint32 valueOf(const QString &valueText);
+
+// Matches one response pattern against received bytes and decodes the match.
+class ResponseMatcher
+{
+public:
+    explicit ResponseMatcher(const QString &pattern);
+
+    // Searches the bytes as Latin-1 text: from the start, or for the last position where the
+    // pattern matches. Returns the match position or -1.
+    int searchForward(const QByteArray &rxBuf);
+    int searchBackward(const QByteArray &rxBuf);
+
+    // Of the last successful search: the H record with its CR, and the value texts of the d
+    // records in record order (with ':' to '?' written as 'A' to 'F').
+    QString hRecord() const;
+    QStringList valueTexts() const;
+
+private:
+    QRegExp m_regExp;
+};
+
+// Keeps only the last rxBufSize bytes and, when a frame starts inside them, rotates them so that
+// the buffer begins at that frame: the newest frame's head is joined to the older frame's tail.
+void trimAndRotate(QByteArray &rxBuf, int rxBufSize);
+
+} // namespace HustFrames
+
+#endif // HUSTFRAMES_H
