@@ -1,12 +1,22 @@
 #include "hush_cnc.h"
 
 #include "abstractdeviceinterface.h"
+#include "driverhushcncreaderthread.h"
 #include "drv_dev_setting.h"
+#include "hustframes.h"
+#include "hustgcodecontroller.h"
 #include "hustlog.h"
+#include "serializedport.h"
+#include "tools.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QMutexLocker>
 #include <QThread>
 #include <QVariant>
+
+#include <algorithm>
+#include <climits>
 
 namespace {
 
@@ -32,6 +42,103 @@ QString typeName(CommunicatorCommand::DataType type)
     default:
         return QString();
     }
+}
+
+// Application property that is true while the application shuts down.
+const char EXIT_PROPERTY[] = "isExit";
+
+// Address prefixes whose numbers count bits of the I/O double words (d10800 and up).
+const char *const ASCOI_PREFIXES[] = {"A", "S", "C", "O", "I"};
+
+// Prefixes that name no double words of the controller's memory.
+const char *const NON_MEMORY_PREFIXES[]
+    = {"GB",         "GR", "PROTOCOL_STATUS", "IOStatusBit", "BurningCodeBit", "ReadCurrentCode",
+       "ReadAllCode"};
+
+const char *const GCODE_KEYS[] = {"ReadAllCode0", "ReadCurrentCode0", "BurningCodeBit0",
+                                  "Code2CtrlCmd", "PROTOCOL_STATUS0", "ReadCode"};
+
+const char WRITE_BIT_DIRECT_DISABLE_KEY[] = "WriteBitDirectDisable0";
+
+// The wait of a block read for a usable cache: passes of checks, 10 ms apart, 20 ms between
+// passes, about 1.2 s in all.
+const int WAIT_PASSES = 5;
+const int CHECKS_PER_PASS = 22;
+const int CHECK_PAUSE_MS = 10;
+const int PASS_PAUSE_MS = 20;
+
+// How long the destructor lets the worker's thread finish its slot before forcing it down.
+const unsigned long WORKER_STOP_WAIT_MS = 10000;
+
+// Size of the pieces in which a read request goes to the port.
+const int TX_PIECE = 230;
+
+QString prefixOf(const QString &address)
+{
+    return QString::fromLatin1(ExtractPrefixSymbol(address).constData());
+}
+
+bool isAscoiPrefix(const QString &prefix)
+{
+    for (const char *p : ASCOI_PREFIXES) {
+        if (prefix == QLatin1String(p))
+            return true;
+    }
+    return false;
+}
+
+// The address up to its first point: the double word of a register bit such as B10800.3.
+QString baseAddress(const QString &address)
+{
+    const int point = address.indexOf(QLatin1Char('.'));
+    return point < 0 ? address : address.left(point);
+}
+
+bool containsAll(const QStringList &sortedList, const QStringList &names)
+{
+    for (const QString &name : names) {
+        if (!std::binary_search(sortedList.cbegin(), sortedList.cend(), name))
+            return false;
+    }
+    return true;
+}
+
+int sortedIndexOf(const QStringList &sortedList, const QString &name)
+{
+    const auto it = std::lower_bound(sortedList.cbegin(), sortedList.cend(), name);
+    if (it == sortedList.cend() || *it != name)
+        return -1;
+    return int(it - sortedList.cbegin());
+}
+
+// The names of both lists, each once, sorted as text.
+QStringList mergedNames(const QStringList &a, const QStringList &b)
+{
+    QStringList merged = a + b;
+    std::sort(merged.begin(), merged.end());
+    merged.erase(std::unique(merged.begin(), merged.end()), merged.end());
+    return merged;
+}
+
+bool anyExactMatch(const QStringList &names, QRegExp &regExp)
+{
+    for (const QString &name : names) {
+        if (regExp.exactMatch(name))
+            return true;
+    }
+    return false;
+}
+
+bool applicationIsExiting()
+{
+    const QCoreApplication *app = QCoreApplication::instance();
+    return app && app->property(EXIT_PROPERTY).toBool();
+}
+
+void pauseMs(int ms)
+{
+    if (ms > 0)
+        QThread::msleep(static_cast<unsigned long>(ms));
 }
 
 } // namespace
@@ -76,13 +183,61 @@ DriverHushCNC::DriverHushCNC()
     , m_readsSinceTrigger(0)
     , m_loopTriggerIndex(0)
     , m_isWriteBitDirectDisable(false)
+    , m_linkPort(nullptr)
+    , m_sessionHolder(nullptr)
+    , m_addrListGeneration(0)
+    , m_workerListGeneration(0)
+    , m_freshMode(0)
+    , m_testCaseCancelled(false)
 {
     const QCoreApplication *app = QCoreApplication::instance();
     if (!app || !app->property(RUNTIME_ENV_PROPERTY).isValid())
         return; // configuration-only: identity and default settings, no worker
+
+    qRegisterMetaType<quintptr>("quintptr");
+
+    m_readerWriter = new DriverHushCNCReaderWriter();
+    m_workerThread = new QThread();
+    m_readerWriter->moveToThread(m_workerThread);
+
+    connect(this, SIGNAL(getAddrValRightaway(QStringList, quintptr)), m_readerWriter,
+            SLOT(getAddrValRightaway(QStringList, quintptr)), Qt::BlockingQueuedConnection);
+    connect(this, SIGNAL(startLoopRead(QStringList)), m_readerWriter,
+            SLOT(startLoopRead(QStringList)));
+    connect(this, SIGNAL(showOverflowMsg(int)), m_readerWriter, SLOT(showOverflowMsg(int)));
+    connect(m_readerWriter, SIGNAL(setReadLoopTimeoutError()), this, SLOT(setReadTimeOutError()));
+    connect(this, SIGNAL(writeBit(QString, bool)), m_readerWriter, SLOT(writeBit(QString, bool)));
+    connect(this, SIGNAL(writeDWord(QString, int, QByteArray)), m_readerWriter,
+            SLOT(writeDWord(QString, int, QByteArray)));
+    connect(m_readerWriter, SIGNAL(setWriteBitError()), this, SLOT(setWriteBitError()));
+    connect(m_readerWriter, SIGNAL(setWriteDWordError()), this, SLOT(setWriteDWordError()));
+    connect(this, SIGNAL(loopRead()), m_readerWriter, SLOT(loopRead()));
 }
 
-DriverHushCNC::~DriverHushCNC() = default;
+// The worker runs slots in its thread that may still use the port and call back into the
+// cache, so the thread is brought to an end before anything it uses goes away: loop reading is
+// stopped (a cycle under way ends at its next pass, later cycles do not start), the event loop
+// is asked to quit after the running slot, and only a thread that does not finish in time is
+// terminated. The worker and the G-code object are deleted once their thread has finished.
+DriverHushCNC::~DriverHushCNC()
+{
+    if (m_readerWriter)
+        m_readerWriter->m_isStopLoopRead = true;
+    if (m_workerThread) {
+        m_workerThread->quit();
+        if (!m_workerThread->wait(WORKER_STOP_WAIT_MS)) {
+            qCDebug(lcHustDriver) << "worker thread did not finish; terminating it";
+            m_workerThread->terminate();
+            m_workerThread->wait(WORKER_STOP_WAIT_MS);
+        }
+    }
+    delete m_readerWriter;
+    delete m_workerThread;
+    delete m_gcodeController;
+    delete m_linkPort;
+    if (m_sessionHolder.load())
+        m_sessionMutex.unlock();
+}
 
 // ---- Constant answers ----------------------------------------------------------------------
 
@@ -151,16 +306,19 @@ QString DriverHushCNC::getStringBasedDefaultDriverSetting()
 
 bool DriverHushCNC::hasError()
 {
+    QMutexLocker lock(&m_errorMutex);
     return m_hasError;
 }
 QString DriverHushCNC::getLastError()
 {
+    QMutexLocker lock(&m_errorMutex);
     return m_lastError;
 }
 
 // A pending error outlives several requests: only every 52nd call drops it.
 void DriverHushCNC::clearError()
 {
+    QMutexLocker lock(&m_errorMutex);
     if (m_clearErrorCountdown >= 0) {
         --m_clearErrorCountdown;
         return;
@@ -171,6 +329,7 @@ void DriverHushCNC::clearError()
 
 void DriverHushCNC::raiseError(const QString &message)
 {
+    QMutexLocker lock(&m_errorMutex);
     m_lastError = message;
     m_hasError = true;
 }
@@ -217,59 +376,593 @@ void DriverHushCNC::setReadCommandNotSupportError(CommunicatorCommand::DataType 
     raiseError(QStringLiteral("Not support the read command for %1.").arg(typeName(type)));
 }
 
-// ---- Working operations (configuration-only answers until the worker is wired) -------------
+// ---- Worker start and the session gate -----------------------------------------------------
 
-QByteArray DriverHushCNC::read(AbstractDeviceInterface *, CommunicatorCommand const &)
+// The worker keeps the port of the first read or write for good. It and the G-code object see
+// the port through one serialising wrapper, so that the stop frame and drain sent from the
+// run-time's thread never interleave with a read cycle in the worker's thread.
+void DriverHushCNC::startWorker(AbstractDeviceInterface *interface)
 {
-    return QByteArray();
+    if (m_isWorkerStarted)
+        return;
+    QMutexLocker lock(&m_workerStartMutex);
+    if (m_isWorkerStarted)
+        return;
+    m_linkPort = new SerializedPort(interface);
+    m_readerWriter->setDriverInterface(this);
+    m_readerWriter->setReadInterface(m_linkPort);
+    for (const char *key : GCODE_KEYS)
+        m_gcodeKeyList.append(QLatin1String(key));
+    m_isWorkerStarted = true;
+    m_workerThread->start(QThread::InheritPriority);
 }
 
-bool DriverHushCNC::write(AbstractDeviceInterface *, CommunicatorCommand const &,
-                          QByteArray const &)
+bool DriverHushCNC::holdsSessionGate() const
 {
+    return m_sessionHolder.load() == QThread::currentThreadId();
+}
+
+void DriverHushCNC::openSessionGate()
+{
+    if (m_sessionHolder.exchange(nullptr))
+        m_sessionMutex.unlock();
+}
+
+void DriverHushCNC::storeAddrList(const QStringList &list)
+{
+    QMutexLocker lock(&m_addrListMutex);
+    m_currentAddrList = list;
+    ++m_addrListGeneration;
+}
+
+// ---- Read and write dispatch ---------------------------------------------------------------
+
+QByteArray DriverHushCNC::read(AbstractDeviceInterface *interface, CommunicatorCommand const &cmd)
+{
+    if (m_isLoopReadStoppedForGCode)
+        return QByteArray();
+    if (!m_readerWriter || !interface)
+        return QByteArray(); // configuration-only driver, or no port to read through
+    startWorker(interface);
+
+    if (m_gcodeKeyList.contains(cmd.address)) {
+        initGCodeController(interface);
+        QByteArray result;
+        m_gcodeController->processReadCommand(cmd, result);
+        return result;
+    }
+
+    clearError();
+    QByteArray result;
+    for (int attempt = 0;; ++attempt) {
+        pauseMs(interface->getDelay());
+        clearError();
+        if (cmd.length == 1) {
+            switch (cmd.dataType) {
+            case CommunicatorCommand::BitType:
+                result = readBit(cmd);
+                break;
+            case CommunicatorCommand::WordType:
+            case CommunicatorCommand::DWordType:
+                result = readBlock(cmd);
+                break;
+            default:
+                setReadCommandNotSupportError(cmd.dataType);
+                return QByteArray();
+            }
+        } else {
+            result = readBlock(cmd);
+        }
+        if (!hasError() || attempt >= interface->getRetry())
+            return result;
+    }
+}
+
+bool DriverHushCNC::write(AbstractDeviceInterface *interface, CommunicatorCommand const &cmd,
+                          QByteArray const &data)
+{
+    if (!m_readerWriter || !interface)
+        return false; // configuration-only driver, or no port to write through
+    startWorker(interface);
+
+    if (m_gcodeKeyList.contains(cmd.address)) {
+        initGCodeController(interface);
+        m_gcodeController->processWriteCommand(cmd, data);
+        return true;
+    }
+
+    clearError();
+    pauseMs(interface->getDelay());
+    switch (cmd.dataType) {
+    case CommunicatorCommand::BitType:
+        return writeBitPath(cmd, data);
+    case CommunicatorCommand::BlockType:
+        return writeBlockPath(interface, cmd, data);
+    default:
+        return writeDWord(interface, cmd, data);
+    }
+}
+
+// Reads of the thread that holds the gate (between its clearSessionCommand() and
+// setSessionCommand()) answer nothing at once; reads of other threads wait at the gate.
+void DriverHushCNC::clearSessionCommand()
+{
+    if (!holdsSessionGate()) {
+        m_sessionMutex.lock();
+        m_sessionHolder = QThread::currentThreadId();
+    }
+    // Loop reading stops before the cache is emptied, so that a cycle still under way cannot
+    // refill it with the old list's values (see updateDWordByteArray).
+    if (m_readerWriter)
+        m_readerWriter->stopLoopRead();
+    storeAddrList(QStringList());
+    {
+        QMutexLocker lock(&m_blockDataMutex);
+        m_currentBlockData.clear();
+    }
+    isStartLoopRead = false;
+    if (applicationIsExiting())
+        openSessionGate();
+}
+
+void DriverHushCNC::setSessionCommand(QList<CommunicatorCommand> commands)
+{
+    int listSize = 0;
+    {
+        QMutexLocker lock(&m_addrListMutex);
+        listSize = m_currentAddrList.size();
+    }
+    if (listSize != 0 && !m_sessionHolder.load()) {
+        m_sessionMutex.lock();
+        m_sessionHolder = QThread::currentThreadId();
+        if (m_readerWriter)
+            m_readerWriter->stopLoopRead();
+        {
+            QMutexLocker lock(&m_blockDataMutex);
+            m_currentBlockData.clear();
+        }
+        isStartLoopRead = false;
+    }
+
+    QStringList names;
+    for (const CommunicatorCommand &command : commands)
+        names += addr2DWAddrList(command);
+    {
+        QMutexLocker lock(&m_addrListMutex);
+        m_currentAddrList = mergedNames(m_currentAddrList, names);
+        ++m_addrListGeneration;
+    }
+    openSessionGate();
+}
+
+// ---- G-code keys ---------------------------------------------------------------------------
+
+void DriverHushCNC::initGCodeController(AbstractDeviceInterface *interface)
+{
+    if (m_gcodeController)
+        return;
+    m_gcodeController = new HustGCodeprotocol();
+    m_gcodeController->setReadInterface(m_linkPort ? m_linkPort : interface);
+    if (m_workerThread)
+        m_gcodeController->moveToThread(m_workerThread);
+    connect(m_gcodeController, SIGNAL(stopLoopReadSignal()), this, SLOT(stopLoopReadForGCode()));
+    connect(m_gcodeController, SIGNAL(startLoopReadSignal()), this, SLOT(startLoopReadForGCode()));
+}
+
+void DriverHushCNC::stopLoopReadForGCode()
+{
+    m_isLoopReadStoppedForGCode = true;
+    if (m_readerWriter)
+        m_readerWriter->stopLoopRead();
+    isStartLoopRead = false;
+}
+
+void DriverHushCNC::startLoopReadForGCode()
+{
+    m_isLoopReadStoppedForGCode = false;
+}
+
+// ---- Address translation -------------------------------------------------------------------
+
+QStringList DriverHushCNC::addr2DWAddrList(const CommunicatorCommand &cmd)
+{
+    const QString prefix = prefixOf(cmd.address);
+    for (const char *special : NON_MEMORY_PREFIXES) {
+        if (prefix == QLatin1String(special))
+            return QStringList();
+    }
+    // The run-time's lengths are unsigned; one that does not fit an int (a negative length
+    // handed in as unsigned) translates to nothing, as does a length that could not name
+    // five-digit double words anyway.
+    if (cmd.length > quint32(2 * HustFrames::MaxDWordNumber + 4))
+        return QStringList();
+
+    int number = ExtractPLCDeviceAddress(cmd.address, 10);
+    int count = int(cmd.length);
+    if (cmd.dataType == CommunicatorCommand::WordType && isAscoiPrefix(prefix) && number % 32 >= 16)
+        count += 2;
+    DriverHushCNCReaderWriter::reCalculateAddrAndLengthForWordType(prefix, number, count);
+    if (count <= 0 || number < 0 || number > HustFrames::MaxDWordNumber - (count - 1))
+        return QStringList();
+
+    QStringList names;
+    names.reserve(count);
+    for (int i = 0; i < count; ++i)
+        names.append(QString::asprintf("d%05d", number + i));
+    return names;
+}
+
+// ---- The double-word cache -----------------------------------------------------------------
+
+// Called by the worker from its thread with each block it has read. A block is kept only while
+// loop reading runs for the present list: a cycle that was under way when a screen change
+// stopped the loop, or one that still reads an earlier list, would otherwise put values of other
+// addresses into a cache of the same size.
+void DriverHushCNC::updateDWordByteArray(QByteArray DWordByteArray)
+{
+    QMutexLocker lock(&m_blockDataMutex);
+    if (m_readerWriter
+        && (m_readerWriter->m_isStopLoopRead || m_workerListGeneration != m_addrListGeneration)) {
+        qCDebug(lcHustDriver) << "block of an earlier address list dropped";
+        return;
+    }
+    m_isBlockDataUpdated = true;
+    m_currentBlockData = DWordByteArray;
+}
+
+int DriverHushCNC::freshReadMode(const QStringList &list)
+{
+    if (list != m_freshModeList) {
+        m_freshModeList = list;
+        m_freshMode = anyExactMatch(list, m_d1200RegExp) ? 1
+            : anyExactMatch(list, m_d1202RegExp)         ? 2
+                                                         : 0;
+    }
+    return m_freshMode;
+}
+
+// ---- Block and bit reads -------------------------------------------------------------------
+
+QByteArray DriverHushCNC::readBlock(const CommunicatorCommand &cmd)
+{
+    if (holdsSessionGate())
+        return QByteArray();
+    QMutexLocker gate(&m_sessionMutex);
+
+    const QStringList names = addr2DWAddrList(cmd);
+    QStringList list;
+    {
+        QMutexLocker lock(&m_addrListMutex);
+        list = m_currentAddrList;
+    }
+    if (!containsAll(list, names)) {
+        const QStringList merged = mergedNames(list, names);
+        if (merged.size() > MaxLoopNames) {
+            emit showOverflowMsg(merged.size());
+            return QByteArray();
+        }
+        isStartLoopRead = false;
+        storeAddrList(merged);
+        m_readsSinceTrigger = 0;
+        m_loopTriggerIndex = 0;
+        return QByteArray();
+    }
+    if (list.size() > MaxLoopNames) {
+        emit showOverflowMsg(list.size());
+        return QByteArray();
+    }
+    if (!isStartLoopRead) {
+        m_readsSinceTrigger = 0;
+        m_loopTriggerIndex = 0;
+        isStartLoopRead = true;
+        // Tell the worker's thread, ahead of the start, which list its blocks will belong to.
+        const int generation = m_addrListGeneration;
+        if (m_readerWriter) {
+            QMetaObject::invokeMethod(
+                m_readerWriter, [this, generation] { m_workerListGeneration = generation; },
+                Qt::QueuedConnection);
+        } else {
+            m_workerListGeneration = generation;
+        }
+        emit startLoopRead(list);
+        return QByteArray();
+    }
+
+    const int mode = freshReadMode(list);
+    const bool freshRead = (mode == 1 && anyExactMatch(names, m_d1200RegExp))
+        || (mode == 2 && anyExactMatch(names, m_d1202RegExp));
+
+    if (names.isEmpty())
+        return QByteArray();
+    const int index = sortedIndexOf(list, names.first());
+    if (index < 0)
+        return QByteArray();
+
+    const auto workerIsReading
+        = [this] { return m_readerWriter && m_readerWriter->m_isLoopReading; };
+    bool ready = false;
+    for (int pass = 0; pass < WAIT_PASSES && !ready; ++pass) {
+        for (int check = 0; check < CHECKS_PER_PASS; ++check) {
+            int size = 0;
+            {
+                QMutexLocker lock(&m_blockDataMutex);
+                size = m_currentBlockData.size();
+            }
+            if (size <= 0 || size / 4 != list.size()) {
+                if (!isStartLoopRead) {
+                    qCDebug(lcHustDriver)
+                        << " m_currentBlockData'dataLength is 0 and  isStartLoopRead==false ";
+                    return QByteArray();
+                }
+            } else if (!freshRead || m_isBlockDataUpdated) {
+                ready = true;
+                break;
+            }
+            QThread::msleep(CHECK_PAUSE_MS);
+        }
+        if (!ready) {
+            if (!workerIsReading())
+                emit loopRead();
+            QThread::msleep(PASS_PAUSE_MS);
+        }
+    }
+    if (!ready) {
+        setReadTimeOutError();
+        qCDebug(lcHustDriver) << " m_currentBlockData'dataLength is 0 and try time is over ";
+        return QByteArray();
+    }
+
+    QByteArray block;
+    {
+        QMutexLocker lock(&m_blockDataMutex);
+        block = m_currentBlockData;
+    }
+    const QByteArray result = extractDataFromDWordByteArray(
+        cmd.dataType, cmd.address, block.mid(4 * index, 4 * names.size()), int(cmd.length));
+
+    if (cmd.address == QLatin1String("C160")) {
+        const QByteArray hex = result.toHex();
+        if (hex != "00000000")
+            qCDebug(lcHustDriver) << "3 page: error B10800:  " << hex;
+    }
+
+    const int listSize = list.size();
+    if (mode != 0) {
+        if (freshRead) {
+            m_isBlockDataUpdated = false;
+            if (!workerIsReading())
+                emit loopRead();
+        }
+    } else if (index == m_loopTriggerIndex) {
+        if (!workerIsReading())
+            emit loopRead();
+        m_readsSinceTrigger = 0;
+    } else {
+        const int reads = m_readsSinceTrigger++;
+        if (reads > 3 * listSize) {
+            m_loopTriggerIndex = m_loopTriggerIndex < listSize ? m_loopTriggerIndex + 1 : 0;
+            m_readsSinceTrigger = 0;
+        }
+    }
+    return result;
+}
+
+QByteArray DriverHushCNC::extractDataFromDWordByteArray(CommunicatorCommand::DataType dataType,
+                                                        const QString &address,
+                                                        const QByteArray &dWordByteArray,
+                                                        int length)
+{
+    const int bit = DriverHushCNCReaderWriter::getBitLoc(address);
+    switch (dataType) {
+    case CommunicatorCommand::BitType: {
+        const bool set = bit >= 0 && bit < 32 && getBit(dWordByteArray, bit);
+        return QByteArray(1, set ? 1 : 0);
+    }
+    case CommunicatorCommand::WordType:
+        if (length < 1)
+            return QByteArray();
+        return dWordByteArray.mid(bit < 16 ? 0 : 2, 2 * length);
+    default:
+        return dWordByteArray;
+    }
+}
+
+QByteArray DriverHushCNC::extractZeroDataFromDWordByteArray(CommunicatorCommand::DataType dataType,
+                                                            int length)
+{
+    const int unit = dataType == CommunicatorCommand::BitType ? 1
+        : dataType == CommunicatorCommand::WordType           ? 2
+                                                              : 4;
+    if (length < 1 || length > INT_MAX / unit)
+        return QByteArray();
+    return QByteArray(unit * length, '\0');
+}
+
+// A register bit such as B10.40 lies beyond the double word that a one-item read returns; it is
+// refused as an address error with an empty result rather than read from outside the data.
+QByteArray DriverHushCNC::readBit(const CommunicatorCommand &cmd)
+{
+    if (cmd.address == QLatin1String(WRITE_BIT_DIRECT_DISABLE_KEY))
+        return QByteArray(1, m_isWriteBitDirectDisable ? 1 : 0);
+
+    const int bit = DriverHushCNCReaderWriter::getBitLoc(cmd.address);
+    CommunicatorCommand dwordCmd(cmd);
+    dwordCmd.address = baseAddress(cmd.address);
+    dwordCmd.dataType = CommunicatorCommand::DWordType;
+    const QByteArray data = readBlock(dwordCmd);
+    if (data.isEmpty())
+        return QByteArray();
+    if (bit < 0 || bit >= 8 * data.size()) {
+        setAddressError(cmd.address);
+        return QByteArray();
+    }
+    return QByteArray(1, getBit(data, bit) ? 1 : 0);
+}
+
+// ---- Writes --------------------------------------------------------------------------------
+
+bool DriverHushCNC::writeDWord(AbstractDeviceInterface *, const CommunicatorCommand &cmd,
+                               const QByteArray &data)
+{
+    switch (cmd.dataType) {
+    case CommunicatorCommand::WordType:
+        setWriteWordError();
+        return false;
+    case CommunicatorCommand::ByteType:
+        setWriteByteError();
+        return false;
+    case CommunicatorCommand::DWordType:
+        break;
+    default:
+        return false;
+    }
+    if (qint64(data.size()) != 4 * qint64(cmd.length)) {
+        setWriteDWordError();
+        return false;
+    }
+    if (isAscoiPrefix(prefixOf(cmd.address))) {
+        setWriteASCOIError();
+        return false;
+    }
+    emit writeDWord(cmd.address, int(cmd.length), data);
+    return true;
+}
+
+bool DriverHushCNC::writeBlockPath(AbstractDeviceInterface *interface,
+                                   const CommunicatorCommand &cmd, const QByteArray &data)
+{
+    CommunicatorCommand dwordCmd(cmd);
+    dwordCmd.dataType = CommunicatorCommand::DWordType;
+    dwordCmd.length = cmd.length / 4;
+    QByteArray padded(data);
+    if (cmd.length % 4 != 0) {
+        dwordCmd.length += 1;
+        padded.append(QByteArray(int(4 - cmd.length % 4), '\0'));
+    }
+    return writeDWord(interface, dwordCmd, padded);
+}
+
+// The written bit is also set in the cache at once, so that reads show it before the next block
+// arrives; a bit position outside its double word (32 and up) is sent but not patched.
+bool DriverHushCNC::writeBitPath(const CommunicatorCommand &cmd, const QByteArray &data)
+{
+    const bool value = getBitData(data);
+    const QString prefix = prefixOf(cmd.address);
+    if (prefix == QLatin1String("B")) {
+        emit writeBit(cmd.address, value);
+        if (m_isWriteBitDirectDisable)
+            return true;
+        int cacheSize = 0;
+        {
+            QMutexLocker lock(&m_blockDataMutex);
+            cacheSize = m_currentBlockData.size();
+        }
+        QStringList list;
+        {
+            QMutexLocker lock(&m_addrListMutex);
+            list = m_currentAddrList;
+        }
+        if (cacheSize <= 0 || list.isEmpty())
+            return true;
+        const int bit = DriverHushCNCReaderWriter::getBitLoc(cmd.address);
+        CommunicatorCommand dwordCmd(cmd);
+        dwordCmd.address = baseAddress(cmd.address);
+        dwordCmd.dataType = CommunicatorCommand::DWordType;
+        const QStringList names = addr2DWAddrList(dwordCmd);
+        if (names.isEmpty() || bit < 0 || bit >= 32)
+            return true;
+        const int index = list.indexOf(names.first());
+        if (index < 0)
+            return true;
+        QMutexLocker lock(&m_blockDataMutex);
+        const int position = bit + 32 * index;
+        if (position / 8 < m_currentBlockData.size())
+            setBit(m_currentBlockData, position, value);
+        return true;
+    }
+    if (prefix == QLatin1String("WriteBitDirectDisable")) {
+        m_isWriteBitDirectDisable = value;
+        return true;
+    }
+    setWriteASCOIError();
     return false;
 }
 
-void DriverHushCNC::setSessionCommand(QList<CommunicatorCommand>) { }
-void DriverHushCNC::clearSessionCommand() { }
-void DriverHushCNC::updateDWordByteArray(QByteArray) { }
-void DriverHushCNC::initGCodeController(AbstractDeviceInterface *) { }
-QByteArray DriverHushCNC::extractZeroDataFromDWordByteArray(CommunicatorCommand::DataType, int)
+// ---- Diagnostic entry points ---------------------------------------------------------------
+
+QByteArray DriverHushCNC::packReadBytesCmdForTest(QStringList addrList)
 {
-    return QByteArray();
+    return HustFrames::readRequest(addrList);
 }
-QByteArray DriverHushCNC::extractDataFromDWordByteArray(CommunicatorCommand::DataType,
-                                                        const QString &, const QByteArray &, int)
+
+void DriverHushCNC::sendTxBufForReadForTest(const QByteArray &tx_buf,
+                                            AbstractDeviceInterface *interface)
 {
-    return QByteArray();
+    if (!interface)
+        return;
+    interface->setOption(AbstractDeviceInterface::DiscardReceivedOption, 0);
+    int offset = 0;
+    while (offset + TX_PIECE < tx_buf.size()) {
+        interface->writeData(tx_buf.constData() + offset, TX_PIECE);
+        offset += TX_PIECE;
+    }
+    interface->writeData(tx_buf.constData() + offset, tx_buf.size() - offset);
 }
-QStringList DriverHushCNC::addr2DWAddrList(const CommunicatorCommand &)
+
+void DriverHushCNC::sendStopSendCommand(AbstractDeviceInterface *interface)
 {
-    return QStringList();
+    if (!interface)
+        return;
+    if (m_stopSendCmdLength == 0) {
+        m_stopSendCmd = HustFrames::stopFrame();
+        m_stopSendCmdLength = m_stopSendCmd.size();
+    }
+    interface->writeData(m_stopSendCmd.constData(), m_stopSendCmdLength);
+    interface->setOption(AbstractDeviceInterface::DiscardReceivedOption, 0);
 }
-void DriverHushCNC::sendStopSendCommand(AbstractDeviceInterface *) { }
-QByteArray DriverHushCNC::extractDataFromRespBuf(const QString &, const int &)
+
+// Records are a letter, eight value characters and CR; records missing from the text decode
+// as 0. A response carries at most 99 records, so larger counts give an empty result.
+QByteArray DriverHushCNC::extractDataFromRespBuf(const QString &data, const int &data_length)
 {
-    return QByteArray();
+    if (data_length < 1 || data_length > MaxLoopNames)
+        return QByteArray();
+    QByteArray block;
+    block.reserve(4 * data_length);
+    for (int i = 0; i < data_length; ++i) {
+        QString value = data.mid(1 + 10 * i, 8);
+        for (QChar &c : value) {
+            if (c >= QLatin1Char(':') && c <= QLatin1Char('?'))
+                c = QLatin1Char(char('A' + (c.unicode() - ':')));
+        }
+        const quint32 dword = HustFrames::valueOf(value);
+        for (int byte = 0; byte < 4; ++byte)
+            block.append(char((dword >> (8 * byte)) & 0xFF));
+    }
+    return block;
 }
-bool DriverHushCNC::writeDWord(AbstractDeviceInterface *, const CommunicatorCommand &,
-                               const QByteArray &)
+
+void DriverHushCNC::testCase(AbstractDeviceInterface *interface, int maxReads)
 {
-    return false;
+    if (!interface)
+        return;
+    m_testCaseCancelled = false;
+    QStringList names;
+    for (int i = 10; i <= 24; ++i)
+        names.append(QStringLiteral("d000%1").arg(i));
+    sendTxBufForReadForTest(packReadBytesCmdForTest(names), interface);
+
+    QElapsedTimer timer;
+    timer.start();
+    char buffer[256];
+    for (int reads = 0; reads < maxReads && !m_testCaseCancelled; ++reads) {
+        std::fill(std::begin(buffer), std::end(buffer), '\0');
+        interface->readData(buffer, 255);
+        qCDebug(lcHustDriver) << timer.restart();
+    }
 }
-QByteArray DriverHushCNC::readBlock(const CommunicatorCommand &)
+
+void DriverHushCNC::cancelTestCase()
 {
-    return QByteArray();
-}
-QByteArray DriverHushCNC::readBit(const CommunicatorCommand &)
-{
-    return QByteArray();
-}
-void DriverHushCNC::stopLoopReadForGCode() { }
-void DriverHushCNC::startLoopReadForGCode() { }
-void DriverHushCNC::testCase(AbstractDeviceInterface *) { }
-void DriverHushCNC::sendTxBufForReadForTest(const QByteArray &, AbstractDeviceInterface *) { }
-QByteArray DriverHushCNC::packReadBytesCmdForTest(QStringList)
-{
-    return QByteArray();
+    m_testCaseCancelled = true;
 }

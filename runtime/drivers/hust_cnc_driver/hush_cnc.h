@@ -17,6 +17,7 @@ class AbstractDeviceInterface;
 class DriverHushCNCReaderWriter;
 class HustGCodeprotocol;
 class QThread;
+class SerializedPort;
 
 // The Hust CNC driver as the panel run-time sees it. Reads are answered from a cache of
 // controller double words that a link worker, running in its own thread, refreshes in a loop;
@@ -58,7 +59,11 @@ public:
     void clearError();
 
     // Diagnostic entry points: they talk to a port directly, outside the worker.
-    void testCase(AbstractDeviceInterface *interface);
+    // testCase sends a read request for d00010 to d00024 and logs, for each later port read, the
+    // milliseconds since the previous one. It stops after maxReads reads, or earlier once
+    // cancelTestCase() has been called (from any thread); each call starts uncancelled.
+    void testCase(AbstractDeviceInterface *interface, int maxReads = DefaultTestCaseReads);
+    void cancelTestCase();
     void sendTxBufForReadForTest(const QByteArray &tx_buf, AbstractDeviceInterface *interface);
     QByteArray packReadBytesCmdForTest(QStringList addrList);
 
@@ -105,8 +110,30 @@ private:
     // Unit tests inspect the cache and the loop-read list through this class, defined only there.
     friend class DriverHushCNCTestAccess;
 
-    void raiseError(const QString &message);
+    // Reads of one screen may name at most this many double words: the count of a read request
+    // has two digits.
+    static constexpr int MaxLoopNames = 99;
+    static constexpr int DefaultTestCaseReads = 1000;
 
+    void raiseError(const QString &message);
+    // Hands the worker the driver and the port and starts its thread; once per driver.
+    void startWorker(AbstractDeviceInterface *interface);
+    // True in the thread that closed the session gate with clearSessionCommand() and has not
+    // opened it again: that thread's block reads answer nothing instead of waiting on themselves.
+    bool holdsSessionGate() const;
+    void openSessionGate();
+    // Replaces the loop-read list and counts the change, so that blocks read for an earlier list
+    // are not taken into the cache.
+    void storeAddrList(const QStringList &list);
+    // Which fresh-read registers the list holds: 0 none, 1 d12001..d12006, 2 d12021..d12026.
+    int freshReadMode(const QStringList &list);
+    bool writeBitPath(const CommunicatorCommand &cmd, const QByteArray &data);
+    bool writeBlockPath(AbstractDeviceInterface *interface, const CommunicatorCommand &cmd,
+                        const QByteArray &data);
+
+    // Guards the error state: the queued error slots run in the driver's thread while reads may
+    // come from another.
+    mutable QMutex m_errorMutex;
     bool m_hasError;
     int m_clearErrorCountdown;
     QString m_lastError;
@@ -115,9 +142,9 @@ private:
     QStringList m_currentAddrList;
     QByteArray m_currentBlockData;
     DriverHushCNCReaderWriter *m_readerWriter;
-    bool m_isWorkerStarted;
+    std::atomic<bool> m_isWorkerStarted;
     QThread *m_workerThread;
-    bool isStartLoopRead;
+    std::atomic<bool> isStartLoopRead;
     QMutex m_blockDataMutex;
     QMutex m_addrListMutex;
     QRegExp m_d1200RegExp;
@@ -129,7 +156,22 @@ private:
     int m_readsSinceTrigger;
     int m_loopTriggerIndex;
     QStringList m_gcodeKeyList;
-    bool m_isWriteBitDirectDisable;
+    std::atomic<bool> m_isWriteBitDirectDisable;
+
+    // The worker's view of the run-time's port: every call serialised, owned by the driver.
+    SerializedPort *m_linkPort;
+    QMutex m_workerStartMutex;
+    // The thread that holds the session gate between clearSessionCommand() and
+    // setSessionCommand(), null while the gate is open.
+    std::atomic<Qt::HANDLE> m_sessionHolder;
+    // Changes of the loop-read list, and the change the worker reads for: a block is taken into
+    // the cache only when both agree and loop reading is not stopped.
+    std::atomic<int> m_addrListGeneration;
+    std::atomic<int> m_workerListGeneration;
+    // The list whose fresh-read mode was last computed, and that mode.
+    QStringList m_freshModeList;
+    int m_freshMode;
+    std::atomic<bool> m_testCaseCancelled;
 };
 
 #endif // HUSH_CNC_H
