@@ -1,0 +1,68 @@
+// CPU cost per program byte of one G-code exchange, for programs of 10 KB to 1 MB. The answer
+// arrives in 200-byte polls, as a serial port delivers it, so the cost of finding the markers in
+// a growing answer shows up here; it should stay flat per byte as the program grows.
+#include "hustgcodecontroller.h"
+#include "scriptedport.h"
+
+#include <benchmark/benchmark.h>
+
+#include <QList>
+
+namespace {
+
+QByteArray program(int size)
+{
+    QByteArray text;
+    text.reserve(size + 64);
+    for (int line = 1; text.size() < size; ++line)
+        text += "N" + QByteArray::number(line) + " G01 X12.345 Y-67.890 Z0.5 F1200\r";
+    text.truncate(size);
+    return text;
+}
+
+QList<QByteArray> answerChunks(const QByteArray &text)
+{
+    const QByteArray answer = QByteArray("\x12%\r") + text + QByteArray("%\x14");
+    QList<QByteArray> chunks;
+    for (int i = 0; i < answer.size(); i += HustGCodeprotocol::PollSize)
+        chunks.append(answer.mid(i, HustGCodeprotocol::PollSize));
+    return chunks;
+}
+
+void BM_GetGCode(benchmark::State &state)
+{
+    const QByteArray text = program(int(state.range(0)));
+    const QList<QByteArray> chunks = answerChunks(text);
+    ScriptedPort port;
+    port.setResponder([&chunks](ScriptedPort &p, const QByteArray &) {
+        for (const QByteArray &chunk : chunks)
+            p.queueRead(chunk);
+    });
+    HustGCodeprotocol gcode;
+    gcode.setReadInterface(&port);
+    const QByteArray frame("\x12%\rO9012\rN10768\rD000003>:\r%\x14");
+
+    for (auto _ : state) {
+        const QByteArray code = gcode.getGCode(frame);
+        if (code.size() != text.size())
+            state.SkipWithError("incomplete program");
+        benchmark::DoNotOptimize(code.constData());
+        state.PauseTiming();
+        port.clearRecord();
+        state.ResumeTiming();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * text.size());
+    state.counters["s_per_byte"] = benchmark::Counter(double(text.size()),
+                                                      benchmark::Counter::kIsIterationInvariantRate
+                                                          | benchmark::Counter::kInvert);
+}
+
+} // namespace
+
+BENCHMARK(BM_GetGCode)
+    ->Arg(10 * 1024)
+    ->Arg(100 * 1024)
+    ->Arg(1024 * 1024)
+    ->Unit(benchmark::kMicrosecond);
+
+BENCHMARK_MAIN();

@@ -1,0 +1,548 @@
+#include "communicatorcommand.h"
+#include "hustgcodecontroller.h"
+#include "scriptedport.h"
+
+#include <QSemaphore>
+#include <QSignalSpy>
+#include <QTest>
+#include <QThread>
+
+#include <atomic>
+
+namespace {
+
+const QByteArray kRequestCurrent("\x12%\rO9012\rN10768\rD000003>:\r%\x14");
+const QByteArray kRequestAll("\x12%\rO9012\rN10768\rD000003?1\r%\x14");
+const QByteArray kSendHeader("\x12%\rO9012\rN10768\rD000003>9\r%\x14");
+const QByteArray kBurnFrame("\x12%\rO9000\rN100011\rG10 P600 L01%\x14");
+
+QByteArray framed(const QByteArray &text)
+{
+    return QByteArray("\x12%\r") + text + QByteArray("%\x14");
+}
+
+QByteArray dataFrame(const QByteArray &text)
+{
+    return QByteArray("\x12%") + text + QByteArray("%\x14");
+}
+
+// Records the protocol's pauses instead of sleeping them.
+class InstantGCode : public HustGCodeprotocol
+{
+public:
+    QList<int> pauses() const
+    {
+        QList<int> copy;
+        for (int i = 0; i < m_count.load(); ++i)
+            copy.append(m_pauses[i]);
+        return copy;
+    }
+
+protected:
+    void pause(int ms) override
+    {
+        const int i = m_count.load();
+        if (i < int(sizeof m_pauses / sizeof m_pauses[0])) {
+            m_pauses[i] = ms;
+            m_count.store(i + 1);
+        }
+    }
+
+private:
+    int m_pauses[256] = {};
+    std::atomic<int> m_count {0};
+};
+
+// Answers each request frame with the next scripted answer; an empty answer is silence.
+void answerRequests(ScriptedPort &port, QList<QByteArray> answers)
+{
+    auto queue = std::make_shared<QList<QByteArray>>(std::move(answers));
+    port.setResponder([queue](ScriptedPort &p, const QByteArray &written) {
+        if (!written.startsWith("\x12%\rO9012\rN10768\rD000003") || written == kSendHeader)
+            return;
+        const QByteArray answer = queue->isEmpty() ? QByteArray() : queue->takeFirst();
+        if (!answer.isEmpty())
+            p.queueRead(answer);
+    });
+}
+
+CommunicatorCommand command(const QString &key,
+                            CommunicatorCommand::DataType type = CommunicatorCommand::BitType,
+                            quint32 length = 1)
+{
+    return CommunicatorCommand(type, length, key);
+}
+
+QByteArray readKey(HustGCodeprotocol &gcode, const QString &key,
+                   CommunicatorCommand::DataType type = CommunicatorCommand::BitType,
+                   quint32 length = 1)
+{
+    QByteArray out;
+    gcode.processReadCommand(command(key, type, length), out);
+    return out;
+}
+
+quint32 statusWord(HustGCodeprotocol &gcode)
+{
+    const QByteArray bytes = readKey(gcode, "PROTOCOL_STATUS0", CommunicatorCommand::DWordType);
+    quint32 value = 0;
+    for (int i = 0; i < bytes.size(); ++i)
+        value |= quint32(quint8(bytes.at(i))) << (8 * i);
+    return value;
+}
+
+} // namespace
+
+class TestGCodeProtocol : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void writeKeys_data();
+    void writeKeys();
+    void readKeys_data();
+    void readKeys();
+    void readCodeIsTakenOnce();
+    void frames_data();
+    void frames();
+    void exchange_data();
+    void exchange();
+    void babblingLineIsBounded();
+    void agreement_data();
+    void agreement();
+    void readSequenceSignalsAndPauses();
+    void send_data();
+    void send();
+    void burnFlagIsReadWhenTheSendRuns_data();
+    void burnFlagIsReadWhenTheSendRuns();
+    void readInWorkerThread();
+};
+
+void TestGCodeProtocol::writeKeys_data()
+{
+    QTest::addColumn<QStringList>("keys");
+    QTest::addColumn<QByteArrayList>("values");
+    QTest::addColumn<quint32>("status");
+    QTest::addColumn<QByteArray>("flags"); // ReadCurrentCode0, ReadAllCode0, BurningCodeBit0
+    QTest::addColumn<QList<int>>("readRequests");
+    QTest::addColumn<int>("sendRequests");
+    QTest::addColumn<QByteArray>("code");
+
+    const QByteArray none(3, '\0');
+    QTest::newRow("read all") << QStringList {"ReadAllCode0"} << QByteArrayList {"\x01"} << 0x2u
+                              << QByteArray("\0\1\0", 3) << QList<int> {1} << 0 << QByteArray();
+    QTest::newRow("read current") << QStringList {"ReadCurrentCode0"} << QByteArrayList {"\x01"}
+                                  << 0x2u << QByteArray("\1\0\0", 3) << QList<int> {0} << 0
+                                  << QByteArray();
+    QTest::newRow("read all cleared keeps status")
+        << QStringList {"ReadAllCode0", "ReadAllCode0"}
+        << QByteArrayList {"\x01", QByteArray(1, '\0')} << 0x2u << none << QList<int> {1} << 0
+        << QByteArray();
+    QTest::newRow("read all 0 does nothing")
+        << QStringList {"ReadAllCode0"} << QByteArrayList {QByteArray(1, '\0')} << 0u << none
+        << QList<int>() << 0 << QByteArray();
+    QTest::newRow("only 1 requests")
+        << QStringList {"ReadCurrentCode0"} << QByteArrayList {"\x02\x01"} << 0u << none
+        << QList<int>() << 0 << QByteArray();
+    QTest::newRow("empty data is 0")
+        << QStringList {"ReadCurrentCode0", "BurningCodeBit0"} << QByteArrayList {"", ""} << 0u
+        << none << QList<int>() << 0 << QByteArray();
+    QTest::newRow("send") << QStringList {"Code2CtrlCmd"} << QByteArrayList {"G01 X1\n\n"}
+                          << 0x20000u << none << QList<int>() << 1 << QByteArray("G01 X1\n\n");
+    QTest::newRow("status dword") << QStringList {"PROTOCOL_STATUS0"}
+                                  << QByteArrayList {"\x78\x56\x34\x12"} << 0x12345678u << none
+                                  << QList<int>() << 0 << QByteArray();
+    QTest::newRow("status short") << QStringList {"PROTOCOL_STATUS0"} << QByteArrayList {"\x34\x12"}
+                                  << 0x1234u << none << QList<int>() << 0 << QByteArray();
+    QTest::newRow("status clears requests' bits")
+        << QStringList {"ReadAllCode0", "Code2CtrlCmd", "PROTOCOL_STATUS0"}
+        << QByteArrayList {"\x01", "G1", QByteArray(4, '\0')} << 0u << QByteArray("\0\1\0", 3)
+        << QList<int> {1} << 1 << QByteArray("G1");
+    QTest::newRow("burn set") << QStringList {"BurningCodeBit0"} << QByteArrayList {"\x01"} << 0u
+                              << QByteArray("\0\0\1", 3) << QList<int>() << 0 << QByteArray();
+    QTest::newRow("burn cleared") << QStringList {"BurningCodeBit0", "BurningCodeBit0"}
+                                  << QByteArrayList {"\x01", "\x03"} << 0u << none << QList<int>()
+                                  << 0 << QByteArray();
+    QTest::newRow("keys are exact") << QStringList {"readallcode0", "ReadAllCode", "ReadCode",
+                                                    " Code2CtrlCmd", "PROTOCOL_STATUS"}
+                                    << QByteArrayList {"\x01", "\x01", "G1", "G1", "\x01"} << 0u
+                                    << none << QList<int>() << 0 << QByteArray();
+}
+
+void TestGCodeProtocol::writeKeys()
+{
+    QFETCH(QStringList, keys);
+    QFETCH(QByteArrayList, values);
+    QFETCH(quint32, status);
+    QFETCH(QByteArray, flags);
+    QFETCH(QList<int>, readRequests);
+    QFETCH(int, sendRequests);
+    QFETCH(QByteArray, code);
+
+    HustGCodeprotocol gcode;
+    // Only the recording of requests is under test here, not the transfers they start.
+    gcode.disconnect(&gcode);
+    QSignalSpy readSpy(&gcode, &HustGCodeprotocol::readDataFromControllerSignal);
+    QSignalSpy sendSpy(&gcode, &HustGCodeprotocol::writeDataToControllerSignal);
+
+    for (int i = 0; i < keys.size(); ++i)
+        gcode.processWriteCommand(command(keys.at(i)), values.at(i));
+
+    QCOMPARE(statusWord(gcode), status);
+    QCOMPARE(readKey(gcode, "ReadCurrentCode0") + readKey(gcode, "ReadAllCode0")
+                 + readKey(gcode, "BurningCodeBit0"),
+             flags);
+    QList<int> requested;
+    for (const QList<QVariant> &args : readSpy)
+        requested.append(args.at(0).toInt());
+    QCOMPARE(requested, readRequests);
+    QCOMPARE(sendSpy.count(), sendRequests);
+    QCOMPARE(readKey(gcode, "ReadCode"), code);
+}
+
+void TestGCodeProtocol::readKeys_data()
+{
+    QTest::addColumn<QString>("key");
+    QTest::addColumn<int>("type");
+    QTest::addColumn<quint32>("length");
+    QTest::addColumn<QByteArray>("expected");
+
+    const int dword = CommunicatorCommand::DWordType;
+    const int word = CommunicatorCommand::WordType;
+    const int byte = CommunicatorCommand::ByteType;
+    // Status 0x00030003 and "x" already in the result array.
+    QTest::newRow("status dword") << "PROTOCOL_STATUS0" << dword << 1u
+                                  << QByteArray("x\x03\x00\x03\x00", 5);
+    QTest::newRow("status word is the low half")
+        << "PROTOCOL_STATUS0" << word << 1u << QByteArray("x\x03\x00", 3);
+    QTest::newRow("status byte") << "PROTOCOL_STATUS0" << byte << 1u << QByteArray("x\x03", 2);
+    QTest::newRow("status capped at four bytes")
+        << "PROTOCOL_STATUS0" << dword << 3u << QByteArray("x\x03\x00\x03\x00", 5);
+    QTest::newRow("status of no bytes") << "PROTOCOL_STATUS0" << byte << 0u << QByteArray("x");
+    QTest::newRow("flag") << "BurningCodeBit0" << byte << 1u << QByteArray("x\x01", 2);
+    QTest::newRow("unknown key") << "PROTOCOL_STATUS1" << dword << 1u << QByteArray("x");
+    QTest::newRow("empty key") << "" << dword << 1u << QByteArray("x");
+}
+
+void TestGCodeProtocol::readKeys()
+{
+    QFETCH(QString, key);
+    QFETCH(int, type);
+    QFETCH(quint32, length);
+    QFETCH(QByteArray, expected);
+
+    HustGCodeprotocol gcode;
+    gcode.processWriteCommand(command("PROTOCOL_STATUS0"), QByteArray("\x03\x00\x03\x00", 4));
+    gcode.processWriteCommand(command("BurningCodeBit0"), "\x01");
+    QByteArray out("x");
+    gcode.processReadCommand(command(key, CommunicatorCommand::DataType(type), length), out);
+    QCOMPARE(out, expected);
+}
+
+void TestGCodeProtocol::readCodeIsTakenOnce()
+{
+    ScriptedPort port;
+    answerRequests(port, {framed("G01\r"), framed("G01\r")});
+    InstantGCode gcode;
+    gcode.setReadInterface(&port);
+    gcode.processWriteCommand(command("ReadCurrentCode0"), "\x01");
+
+    QCOMPARE(statusWord(gcode), 0x3u);
+    QByteArray out("stale");
+    gcode.processReadCommand(command("ReadCode"), out);
+    QCOMPARE(out, QByteArray("G01\r"));
+    gcode.processReadCommand(command("ReadCode"), out);
+    QCOMPARE(out, QByteArray());
+}
+
+void TestGCodeProtocol::frames_data()
+{
+    QTest::addColumn<QString>("key");
+    QTest::addColumn<QByteArray>("burn");
+    QTest::addColumn<QByteArrayList>("expected");
+
+    QTest::newRow("read current") << "ReadCurrentCode0" << QByteArray()
+                                  << QByteArrayList {kRequestCurrent, kRequestCurrent};
+    QTest::newRow("read all") << "ReadAllCode0" << QByteArray()
+                              << QByteArrayList {kRequestAll, kRequestAll};
+    QTest::newRow("send") << "Code2CtrlCmd" << QByteArray()
+                          << QByteArrayList {kSendHeader, dataFrame("N1 G00\rN2 M30")};
+    QTest::newRow("send and burn")
+        << "Code2CtrlCmd" << QByteArray("\x01")
+        << QByteArrayList {kSendHeader, dataFrame("N1 G00\rN2 M30"), kBurnFrame};
+}
+
+void TestGCodeProtocol::frames()
+{
+    QFETCH(QString, key);
+    QFETCH(QByteArray, burn);
+    QFETCH(QByteArrayList, expected);
+
+    ScriptedPort port;
+    answerRequests(port, {});
+    InstantGCode gcode;
+    gcode.setReadInterface(&port);
+    gcode.processWriteCommand(command("BurningCodeBit0"), burn);
+    gcode.processWriteCommand(command(key), key == "Code2CtrlCmd" ? "N1 G00\rN2 M30" : "\x01");
+
+    QCOMPARE(port.writes(), expected);
+    QCOMPARE(kRequestCurrent.size(), 28);
+    QCOMPARE(kSendHeader.size(), 28);
+    QCOMPARE(kBurnFrame.size(), 31);
+    QCOMPARE(gcode.packGetCurrentGCodeCmd(), QByteArray("\x12%\rO9012\rN10768\r%*%\r%\x14"));
+    QCOMPARE(gcode.packBurningGCodeCmd(), kBurnFrame);
+}
+
+void TestGCodeProtocol::exchange_data()
+{
+    QTest::addColumn<QByteArrayList>("chunks");
+    QTest::addColumn<QByteArray>("expected");
+    QTest::addColumn<int>("polls");
+    QTest::addColumn<int>("restarts"); // startLoopReadSignal emitted by the exchange
+
+    const int idle = HustGCodeprotocol::IdlePollLimit;
+    QTest::newRow("one chunk") << QByteArrayList {framed("G01 X1\rM30\r")}
+                               << QByteArray("G01 X1\rM30\r") << 1 << 0;
+    QTest::newRow("markers split across polls")
+        << QByteArrayList {"\x12", "%", "\rG01\r%", "\x14"} << QByteArray("G01\r") << 4 << 0;
+    QTest::newRow("polls may bring nothing in between")
+        << QByteArrayList {"\x12%\rG0", "", "", "1\r%\x14"} << QByteArray("G01\r") << 4 << 0;
+    QTest::newRow("text after the end marker")
+        << QByteArrayList {framed("G01\r") + "N99 trailing"} << QByteArray("G01\r") << 1 << 0;
+    QTest::newRow("noise before the start marker")
+        << QByteArrayList {"\x05noise%\x14" + framed("G01\r")} << QByteArray("G01\r") << 1 << 0;
+    QTest::newRow("percent and DC2 removed")
+        << QByteArrayList {framed("O1%\rG01\x12\r")} << QByteArray("O1\rG01\r") << 1 << 0;
+    QTest::newRow("last start marker wins")
+        << QByteArrayList {"\x12%\rold\x12%\rG01\r%\x14"} << QByteArray("G01\r") << 1 << 0;
+    QTest::newRow("empty program") << QByteArrayList {framed("")} << QByteArray() << 1 << 0;
+    QTest::newRow("text up to the first zero byte")
+        << QByteArrayList {QByteArray("\x12%\rG01\0lost", 11), "\r%\x14"} << QByteArray("G01\r")
+        << 2 << 0;
+    QTest::newRow("long chunk over several polls")
+        << QByteArrayList {framed(QByteArray(450, 'G'))} << QByteArray(450, 'G') << 3 << 0;
+    QTest::newRow("silent") << QByteArrayList {} << QByteArray() << idle << 1;
+    QTest::newRow("stops midway") << QByteArrayList {"\x12%\rG01 X", "1"} << QByteArray()
+                                  << 2 + idle << 1;
+    QTest::newRow("end marker before start only")
+        << QByteArrayList {"%\x14\x12%\rG01"} << QByteArray() << 1 + idle << 1;
+}
+
+void TestGCodeProtocol::exchange()
+{
+    QFETCH(QByteArrayList, chunks);
+    QFETCH(QByteArray, expected);
+    QFETCH(int, polls);
+    QFETCH(int, restarts);
+
+    ScriptedPort port;
+    port.setResponder([chunks](ScriptedPort &p, const QByteArray &) {
+        for (const QByteArray &chunk : chunks)
+            p.queueRead(chunk);
+    });
+    HustGCodeprotocol gcode;
+    gcode.setReadInterface(&port);
+    QSignalSpy startSpy(&gcode, &HustGCodeprotocol::startLoopReadSignal);
+
+    QCOMPARE(gcode.getGCode(kRequestCurrent), expected);
+    QCOMPARE(port.writes(), QByteArrayList {kRequestCurrent});
+    QCOMPARE(port.readCalls(), polls);
+    QCOMPARE(startSpy.count(), restarts);
+}
+
+void TestGCodeProtocol::babblingLineIsBounded()
+{
+    ScriptedPort port;
+    const QByteArray noise(HustGCodeprotocol::PollSize, 'x');
+    port.setResponder([&noise](ScriptedPort &p, const QByteArray &) {
+        p.queueRead("\x12%\r");
+        for (int sent = 0; sent < HustGCodeprotocol::MaxAnswerSize + 10 * noise.size();
+             sent += noise.size())
+            p.queueRead(noise);
+    });
+    HustGCodeprotocol gcode;
+    gcode.setReadInterface(&port);
+
+    QCOMPARE(gcode.getGCode(kRequestAll), QByteArray());
+    QVERIFY(port.pendingReads() > 0);
+}
+
+void TestGCodeProtocol::agreement_data()
+{
+    QTest::addColumn<QByteArrayList>("answers");
+    QTest::addColumn<QByteArray>("expected");
+    QTest::addColumn<int>("requests");
+    QTest::addColumn<bool>("agreed");
+
+    QTest::newRow("first two agree")
+        << QByteArrayList {framed("G1\r"), framed("G1\r")} << QByteArray("G1\r") << 2 << true;
+    QTest::newRow("same length differ, then both again")
+        << QByteArrayList {framed("G1\r"), framed("G2\r"), framed("G3\r"), framed("G3\r")}
+        << QByteArray("G3\r") << 4 << true;
+    QTest::newRow("second shorter is asked again")
+        << QByteArrayList {framed("G100\r"), framed("G1\r"), framed("G100\r")}
+        << QByteArray("G100\r") << 3 << true;
+    QTest::newRow("first shorter is asked again")
+        << QByteArrayList {framed("G1\r"), framed("G100\r"), framed("G100\r")}
+        << QByteArray("G100\r") << 3 << true;
+    QTest::newRow("silent answers agree on nothing")
+        << QByteArrayList {} << QByteArray() << 2 << true;
+    QTest::newRow("a silent exchange is asked again")
+        << QByteArrayList {QByteArray(), framed("G1\r"), framed("G1\r")} << QByteArray("G1\r") << 3
+        << true;
+
+    QByteArrayList restless;
+    for (int i = 0; i < 100; ++i)
+        restless << framed(QByteArray::number(i % 10));
+    QTest::newRow("answers that never agree")
+        << restless << QByteArray() << 2 + 2 * HustGCodeprotocol::MaxAgreementRounds << false;
+}
+
+void TestGCodeProtocol::agreement()
+{
+    QFETCH(QByteArrayList, answers);
+    QFETCH(QByteArray, expected);
+    QFETCH(int, requests);
+    QFETCH(bool, agreed);
+
+    ScriptedPort port;
+    answerRequests(port, answers);
+    InstantGCode gcode;
+    gcode.setReadInterface(&port);
+
+    QByteArray out("stale");
+    QCOMPARE(gcode.getGCodeFromController(out, 1), agreed);
+    QCOMPARE(out, expected);
+    QCOMPARE(port.writes().size(), requests);
+    QCOMPARE(port.discardCalls(), 1);
+}
+
+void TestGCodeProtocol::readSequenceSignalsAndPauses()
+{
+    ScriptedPort port;
+    answerRequests(port, {framed("G1\r"), framed("G1\r")});
+    InstantGCode gcode;
+    gcode.setReadInterface(&port);
+    QSignalSpy stopSpy(&gcode, &HustGCodeprotocol::stopLoopReadSignal);
+    QSignalSpy startSpy(&gcode, &HustGCodeprotocol::startLoopReadSignal);
+
+    gcode.processWriteCommand(command("ReadAllCode0"), "\x01");
+
+    QCOMPARE(stopSpy.count(), 3);
+    QCOMPARE(startSpy.count(), 1);
+    QCOMPARE(gcode.pauses(), (QList<int> {200, 200, 200, 100, 100}));
+    QCOMPARE(statusWord(gcode), 0x3u);
+    QCOMPARE(readKey(gcode, "ReadAllCode0"), QByteArray("\x01"));
+}
+
+void TestGCodeProtocol::send_data()
+{
+    QTest::addColumn<QByteArray>("text");
+    QTest::addColumn<QByteArray>("sent");
+
+    QTest::newRow("empty lines dropped")
+        << QByteArray("N1 G01\n\nN2 M30\n") << QByteArray("N1 G01\nN2 M30");
+    QTest::newRow("carriage returns kept")
+        << QByteArray("\nG1\r\n\r\nG2") << QByteArray("G1\r\n\r\nG2");
+    QTest::newRow("cut at zero byte") << QByteArray("G1\nG2\0G3\n", 9) << QByteArray("G1\nG2");
+    QTest::newRow("only line feeds") << QByteArray("\n\n\n") << QByteArray();
+    QTest::newRow("empty") << QByteArray() << QByteArray();
+    QTest::newRow("one line") << QByteArray("M30") << QByteArray("M30");
+}
+
+void TestGCodeProtocol::send()
+{
+    QFETCH(QByteArray, text);
+    QFETCH(QByteArray, sent);
+
+    ScriptedPort port;
+    InstantGCode gcode;
+    gcode.setReadInterface(&port);
+    QSignalSpy stopSpy(&gcode, &HustGCodeprotocol::stopLoopReadSignal);
+    QSignalSpy startSpy(&gcode, &HustGCodeprotocol::startLoopReadSignal);
+
+    gcode.processWriteCommand(command("Code2CtrlCmd"), text);
+
+    QCOMPARE(port.writes(), (QByteArrayList {kSendHeader, dataFrame(sent)}));
+    QCOMPARE(port.discardCalls(), 1);
+    QCOMPARE(port.readCalls(), 0);
+    QCOMPARE(stopSpy.count(), 1);
+    QCOMPARE(startSpy.count(), 1);
+    QCOMPARE(gcode.pauses(), (QList<int> {200, 300, 100}));
+    QCOMPARE(readKey(gcode, "PROTOCOL_STATUS0", CommunicatorCommand::WordType, 1),
+             QByteArray(2, '\0'));
+    QCOMPARE(statusWord(gcode), 0x30000u);
+    QCOMPARE(readKey(gcode, "ReadCode"), sent);
+}
+
+void TestGCodeProtocol::burnFlagIsReadWhenTheSendRuns_data()
+{
+    QTest::addColumn<bool>("clearBeforeRun");
+    QTest::addColumn<QByteArrayList>("expected");
+    QTest::addColumn<QList<int>>("pauses");
+
+    QTest::newRow("flag kept") << false << QByteArrayList {kSendHeader, dataFrame("G1"), kBurnFrame}
+                               << QList<int> {200, 300, 300, 100};
+    QTest::newRow("flag cleared") << true << QByteArrayList {kSendHeader, dataFrame("G1")}
+                                  << QList<int> {200, 300, 100};
+}
+
+void TestGCodeProtocol::burnFlagIsReadWhenTheSendRuns()
+{
+    QFETCH(bool, clearBeforeRun);
+    QFETCH(QByteArrayList, expected);
+    QFETCH(QList<int>, pauses);
+
+    ScriptedPort port;
+    InstantGCode gcode;
+    gcode.setReadInterface(&port);
+    QThread worker;
+    gcode.moveToThread(&worker);
+    worker.start();
+
+    // Hold the worker thread so that the send request waits in its queue.
+    QSemaphore gate;
+    QMetaObject::invokeMethod(
+        &gcode, [&gate] { gate.acquire(); }, Qt::QueuedConnection);
+    gcode.processWriteCommand(command("BurningCodeBit0"), "\x01");
+    gcode.processWriteCommand(command("Code2CtrlCmd"), "G1\n");
+    if (clearBeforeRun)
+        gcode.processWriteCommand(command("BurningCodeBit0"), QByteArray(1, '\0'));
+    QCOMPARE(statusWord(gcode), 0x20000u);
+    gate.release();
+
+    QTRY_COMPARE(statusWord(gcode), 0x30000u);
+    worker.quit();
+    QVERIFY(worker.wait(5000));
+    QCOMPARE(port.writes(), expected);
+    QCOMPARE(gcode.pauses(), pauses);
+}
+
+void TestGCodeProtocol::readInWorkerThread()
+{
+    ScriptedPort port;
+    answerRequests(port, {framed("O1\rG1\r"), framed("O1\rG1\r")});
+    InstantGCode gcode;
+    gcode.setReadInterface(&port);
+    QThread worker;
+    gcode.moveToThread(&worker);
+    worker.start();
+
+    int stops = 0;
+    int starts = 0;
+    connect(&gcode, &HustGCodeprotocol::stopLoopReadSignal, this, [&stops] { ++stops; });
+    connect(&gcode, &HustGCodeprotocol::startLoopReadSignal, this, [&starts] { ++starts; });
+
+    gcode.processWriteCommand(command("ReadCurrentCode0"), "\x01");
+    QTRY_COMPARE(statusWord(gcode) & HustGCodeprotocol::ReadFinishedBit, 1u);
+    QTRY_COMPARE(starts, 1);
+    QCOMPARE(stops, 3);
+    QCOMPARE(readKey(gcode, "ReadCode"), QByteArray("O1\rG1\r"));
+    QCOMPARE(port.writes(), (QByteArrayList {kRequestCurrent, kRequestCurrent}));
+
+    worker.quit();
+    QVERIFY(worker.wait(5000));
+}
+
+QTEST_GUILESS_MAIN(TestGCodeProtocol)
+#include "tst_gcodeprotocol.moc"
