@@ -239,14 +239,15 @@ QByteArray HustGCodeprotocol::getGCode(const QByteArray &frame)
             return abandonExchange("answer too long", answer.size());
     }
 
-    const int begin = lastStart + kStartMarkerSize;
-    QByteArray code;
-    code.reserve(lastEnd - begin);
-    for (int i = begin; i < lastEnd; ++i) {
-        const char c = answer.at(i);
-        if (c != DC2 && c != DC4 && c != '%')
-            code.append(c);
+    const char *in = answer.constData() + lastStart + kStartMarkerSize;
+    const char *const end = answer.constData() + lastEnd;
+    QByteArray code(int(end - in), Qt::Uninitialized);
+    char *out = code.data();
+    for (; in != end; ++in) {
+        if (*in != DC2 && *in != DC4 && *in != '%')
+            *out++ = *in;
     }
+    code.truncate(int(out - code.constData()));
     return code;
 }
 
