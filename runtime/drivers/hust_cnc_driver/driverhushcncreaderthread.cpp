@@ -19,9 +19,10 @@ constexpr int MaxReadSize = 200;
 constexpr int MaxTxPieceSize = 230;
 // Empty reads tolerated before the exchange is restarted: the 32nd empty read restarts it.
 constexpr int MaxEmptyReads = 30;
-// An immediate read has a caller waiting on it: it ends, without a result, at the exhaustion that
-// follows this many restarts (silent line or stale responses).
-constexpr int MaxImmediateRestarts = 3;
+// A cycle ends, without a result, at the exhaustion that follows this many restarts (silent line
+// or stale responses): an immediate read has a caller waiting on it, and a loop cycle must not
+// hold the worker's thread, where queued writes wait behind it, for ever.
+constexpr int MaxRestarts = 3;
 // A drain gives up after this many 20 ms passes (about two seconds) on a line that never goes
 // quiet, so that a babbling controller cannot hold the calling thread.
 constexpr int MaxDrainPasses = 100;
@@ -48,6 +49,7 @@ DriverHushCNCReaderWriter::DriverHushCNCReaderWriter(QObject *parent)
     , m_driver(nullptr)
     , m_cmdJustSent(false)
     , m_overflowWorker(nullptr)
+    , m_isLoopCycle(false)
     , m_isStopLoopRead(true)
     , m_isLoopReading(false)
 {
@@ -310,6 +312,7 @@ void DriverHushCNCReaderWriter::readFromCNCController(bool isResponse, QByteArra
         emit setReadLoopTimeoutError();
         return;
     }
+    m_isLoopCycle = !isResponse;
     const int cached = m_lastFullBlock.size() / 4;
     m_responsePattern = HustFrames::responsePattern(n, !isResponse && n == cached);
     HustFrames::ResponseMatcher matcher(m_responsePattern);
@@ -324,8 +327,8 @@ void DriverHushCNCReaderWriter::readFromCNCController(bool isResponse, QByteArra
     const int giveUpLimit = std::max(2 * n, 10);
 
     // The empty-read rule: the 32nd empty read since the cycle began or since the last restart
-    // raises the time-out and restarts the exchange; an immediate read ends instead once it has
-    // used up its restarts.
+    // raises the time-out and restarts the exchange; the cycle ends instead once it has used up
+    // its restarts.
     enum class EmptyRead { CarryOn, Restarted, GiveUp };
     auto countEmptyRead = [&]() {
         if (emptyReads <= MaxEmptyReads) {
@@ -333,8 +336,8 @@ void DriverHushCNCReaderWriter::readFromCNCController(bool isResponse, QByteArra
             return EmptyRead::CarryOn;
         }
         emit setReadLoopTimeoutError();
-        if (isResponse && restarts++ >= MaxImmediateRestarts) {
-            qCDebug(lcHustDriver) << "immediate read: the controller stays silent, giving up";
+        if (restarts++ >= MaxRestarts) {
+            qCDebug(lcHustDriver) << "read cycle: the controller stays silent, giving up";
             return EmptyRead::GiveUp;
         }
         retrySendReadCommand(rxBuf, tmpSize, loop, rxBufSize);
@@ -407,8 +410,8 @@ void DriverHushCNCReaderWriter::readFromCNCController(bool isResponse, QByteArra
         } else if (m_cmdJustSent) {
             if (hCode == m_lastHCode) {
                 qCDebug(lcHustDriver) << "error0. H code is the same with previous data";
-                if (isResponse && restarts++ >= MaxImmediateRestarts) {
-                    qCDebug(lcHustDriver) << "immediate read: only stale responses, giving up";
+                if (restarts++ >= MaxRestarts) {
+                    qCDebug(lcHustDriver) << "read cycle: only stale responses, giving up";
                     emit setReadLoopTimeoutError();
                     return;
                 }
@@ -435,6 +438,10 @@ void DriverHushCNCReaderWriter::retrySendReadCommand(QByteArray &rx_buf, int &tm
     loop = 0;
     sendStopSendCommand(0);
     checkRxBufAndExit();
+    // stopLoopRead() may have stopped the stream during the drain; a new request would start it
+    // again behind the driver's back.
+    if (m_isLoopCycle && m_isStopLoopRead)
+        return;
     sendTxBufForRead(packReadBytesCmd());
     QThread::msleep(100);
 }

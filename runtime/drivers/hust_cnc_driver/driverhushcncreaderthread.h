@@ -88,6 +88,8 @@ private:
     QString m_lastHCode;
     bool m_cmdJustSent;
     Worker *m_overflowWorker;
+    // The cycle under way is a loop cycle (worker's thread only).
+    bool m_isLoopCycle;
 
 public:
     // Shared with the driver's thread: the driver sets the stop flag through stopLoopRead() and
