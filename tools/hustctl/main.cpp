@@ -27,7 +27,8 @@ int main(int argc, char *argv[])
     QCoreApplication app(argc, argv);
     // hustctl reports failures itself in one line; the libraries' diagnostics stay available
     // through QT_LOGGING_RULES.
-    QLoggingCategory::setFilterRules(QStringLiteral("hust.*.debug=false\nhust.host.warning=false"));
+    QLoggingCategory::setFilterRules(
+        QStringLiteral("hust.*.debug=false\nhust.*.info=false\nhust.host.warning=false"));
     QTextStream out(stdout);
     QTextStream err(stderr);
 

@@ -71,6 +71,8 @@ QStringList formatTable(const QList<QStringList> &rows)
         QString line;
         for (int i = 0; i < row.size(); ++i)
             line += i + 1 < row.size() ? row.at(i).leftJustified(widths[i] + 2) : row.at(i);
+        while (line.endsWith(QLatin1Char(' ')))
+            line.chop(1);
         lines << line;
     }
     return lines;
