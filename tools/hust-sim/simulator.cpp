@@ -25,6 +25,7 @@ namespace {
 constexpr int kIdleWaitMs = 50;
 constexpr int kReadChunk = 4096;
 constexpr int kReadsPerPass = 16;
+constexpr int kMaxWritePerPass = 64 * 1024;
 constexpr qint64 kNanosPerMs = 1'000'000;
 } // namespace
 
@@ -133,13 +134,8 @@ void Simulator::Private::pass()
         pollfd wakeOnly {wakePipe[0], POLLIN, 0};
         ::poll(&wakeOnly, 1, waitMs(now));
     } else {
-        if (out.isEmpty() && streaming.load() && !faults.silence() && now >= pullUntil)
-            queueStreamFrame();
-        if (!out.isEmpty() && !writeBlocked)
+        if (!writeBlocked)
             writeOutput(now);
-        if (out.isEmpty())
-            pacer.idle(now);
-
         pollfd fds[2] = {{wakePipe[0], POLLIN, 0}, {-1, 0, 0}};
         if (now >= readBackoffUntil) {
             fds[1].fd = link.fd();
@@ -245,33 +241,40 @@ void Simulator::Private::writeOutput(qint64 now)
 {
     if (now < pullUntil || faults.silence()) {
         dropOutput();
-        return;
-    }
-    const int count = pacer.due(now, out.size());
-    if (count <= 0)
-        return;
-    const ssize_t n = link.writeSome(out.constData(), size_t(count));
-    if (n < 0) {
-        if (errno == EAGAIN) {
-            writeBlocked = true;
-            pacer.idle(now);
-        } else if (errno != EINTR) {
-            qCDebug(lcSim) << "line write failed:" << strerror(errno);
-            dropOutput();
-        }
-        return;
-    }
-    pacer.sent(int(n));
-    out.remove(0, int(n));
-    writtenTotal += n;
-    bytesSent += quint64(n);
-    while (!frameEnds.empty() && frameEnds.front() <= writtenTotal) {
-        frameEnds.pop_front();
-        ++framesSent;
-    }
-    if (n < count) {
-        writeBlocked = true;
         pacer.idle(now);
+        return;
+    }
+    // Write what has fallen due; when a frame ends inside that, the next one is built at once so
+    // that a stream keeps the line busy without losing the schedule at frame boundaries.
+    int budget = pacer.due(now, kMaxWritePerPass);
+    while (budget > 0) {
+        if (out.isEmpty() && streaming.load())
+            queueStreamFrame();
+        if (out.isEmpty()) {
+            pacer.idle(now);
+            return;
+        }
+        const ssize_t n
+            = link.writeSome(out.constData(), size_t(std::min(budget, int(out.size()))));
+        if (n < 0) {
+            if (errno == EAGAIN) {
+                writeBlocked = true;
+                pacer.idle(now);
+            } else if (errno != EINTR) {
+                qCDebug(lcSim) << "line write failed:" << strerror(errno);
+                dropOutput();
+            }
+            return;
+        }
+        pacer.sent(int(n));
+        budget -= int(n);
+        out.remove(0, int(n));
+        writtenTotal += n;
+        bytesSent += quint64(n);
+        while (!frameEnds.empty() && frameEnds.front() <= writtenTotal) {
+            frameEnds.pop_front();
+            ++framesSent;
+        }
     }
 }
 
@@ -311,19 +314,6 @@ void Simulator::Private::queueStreamFrame()
 
 void Simulator::Private::handleRequest(Request &&request)
 {
-    RecordedFrame frame;
-    frame.elapsedMs = (monotonicNanos() - startNanos) / kNanosPerMs;
-    frame.kind = request.kind;
-    frame.raw = request.raw;
-    frame.addresses = request.addresses;
-    frame.values = request.values;
-    frame.bit = request.bit;
-    frame.text = request.text;
-    frame = log.append(frame);
-    qCDebug(lcSim).noquote() << "received" << frameKindName(frame.kind) << frame.raw.toHex();
-    if (frameHandler)
-        frameHandler(frame);
-
     const bool silent = faults.silence();
     switch (request.kind) {
     case FrameKind::ReadRequest:
@@ -364,6 +354,20 @@ void Simulator::Private::handleRequest(Request &&request)
     case FrameKind::Malformed:
         break;
     }
+
+    // Recorded after taking effect, so that whoever waits for the frame sees its effect.
+    RecordedFrame frame;
+    frame.elapsedMs = (monotonicNanos() - startNanos) / kNanosPerMs;
+    frame.kind = request.kind;
+    frame.raw = std::move(request.raw);
+    frame.addresses = std::move(request.addresses);
+    frame.values = std::move(request.values);
+    frame.bit = request.bit;
+    frame.text = std::move(request.text);
+    frame = log.append(std::move(frame));
+    qCDebug(lcSim).noquote() << "received" << frameKindName(frame.kind) << frame.raw.toHex();
+    if (frameHandler)
+        frameHandler(frame);
 }
 
 Simulator::Simulator(const SimulatorConfig &config)
