@@ -2,6 +2,7 @@
 
 #include "abstractdeviceinterface.h"
 #include "communicatorcommand.h"
+#include "hustframes.h"
 #include "hustlog.h"
 #include "tools.h"
 
@@ -13,9 +14,9 @@
 
 namespace {
 
-const char DC2 = 0x12;
-const char DC4 = 0x14;
-const char CR = 0x0D;
+using HustFrames::CR;
+using HustFrames::DC2;
+using HustFrames::DC4;
 
 const char kStartMarker[] = {DC2, '%', CR, '\0'};
 const char kEndMarker[] = {'%', DC4, '\0'};
