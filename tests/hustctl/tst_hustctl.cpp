@@ -235,6 +235,33 @@ private slots:
         QVERIFY(line(lines.first()).indexOf("DW100") < line(lines.first()).indexOf("I5"));
     }
 
+    // Without a terminal the refreshes are plain lines, one per refresh.
+    void watchPlain()
+    {
+        if (!m_haveSimulator)
+            QSKIP("this build has no built-in simulator");
+        const Run run = hustctl(onSimulator({"watch", "DW100", "I5", "B10.3", "-n", "2", "-l", "50",
+                                             "--sim-set", "100=5", "--sim-set", "10800=0x20"}));
+        QVERIFY2(run.status == 0, qPrintable(describe(run)));
+        const QList<QByteArray> lines = run.out.trimmed().split('\n');
+        QCOMPARE(lines.size(), 2);
+        const QRegularExpression refresh(
+            QStringLiteral("^[0-9]+\\.[0-9]{3}  DW100=5  I5=1  B10\\.3=0$"));
+        for (const QByteArray &l : lines)
+            QVERIFY2(refresh.match(line(l)).hasMatch(), l.constData());
+    }
+
+    // The controller's frame counter moves on by itself, so a value written there never shows.
+    void writeNotConfirmed()
+    {
+        if (!m_haveSimulator)
+            QSKIP("this build has no built-in simulator");
+        const Run run = hustctl(onSimulator({"write", "DW0", "0", "--timeout", "500"}));
+        QVERIFY2(run.status == 1, qPrintable(describe(run)));
+        QCOMPARE(run.err,
+                 QByteArray("hustctl: DW0: the controller does not show the written value\n"));
+    }
+
     void demo()
     {
         if (!m_haveSimulator)
