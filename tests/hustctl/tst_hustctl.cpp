@@ -119,6 +119,9 @@ private slots:
         QTest::newRow("watch overflow") << screen << 2 << "100 double words";
         QTest::newRow("watch type missing")
             << QStringList {"watch", "DW1:"} << 2 << "no type after the colon";
+        QTest::newRow("simulator seed with a port")
+            << QStringList {"-p", "/dev/ttyS0", "--sim-set", "1=2", "read", "DW1"} << 2
+            << "apply to the built-in simulator";
         QTest::newRow("missing port") << QStringList {"-p", "/dev/does-not-exist", "read", "DW1"}
                                       << 1 << "/dev/does-not-exist: No such file or directory";
         QTest::newRow("regular file as port")

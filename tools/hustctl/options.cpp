@@ -178,6 +178,11 @@ bool parseOptions(const QStringList &args, CtlOptions *o, QString *reason)
 
     if (o->help)
         return true;
+    if (!o->link.device.isEmpty() && (!o->link.simRegisters.isEmpty() || !o->link.pace)) {
+        *reason = QStringLiteral("--sim-set and --no-pace apply to the built-in simulator, not to "
+                                 "--port");
+        return false;
+    }
     if (positional.isEmpty()) {
         *reason = QStringLiteral("no command given");
         return false;
