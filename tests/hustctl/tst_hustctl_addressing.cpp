@@ -176,9 +176,11 @@ private slots:
         QCOMPARE(o.type, QStringLiteral("dword"));
         QCOMPARE(o.count, 2);
         QCOMPARE(o.timeoutMs, 700);
-        QVERIFY(parseOptions({"write", "DW1", "-5", "--sim-set", "100=0x10"}, &o, &reason));
-        QCOMPARE(o.arguments, (QStringList {"DW1", "-5"}));
-        QCOMPARE(o.link.simRegisters.last(), qMakePair(100, quint32(16)));
+        CtlOptions w;
+        QVERIFY2(parseOptions({"write", "DW1", "-5", "--sim-set", "100=0x10"}, &w, &reason),
+                 qPrintable(reason));
+        QCOMPARE(w.arguments, (QStringList {"DW1", "-5"}));
+        QCOMPARE(w.link.simRegisters.last(), qMakePair(100, quint32(16)));
     }
 };
 
