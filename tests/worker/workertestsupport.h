@@ -65,6 +65,11 @@ public:
         QMutexLocker lock(&driver.m_blockDataMutex);
         return driver.m_currentBlockData;
     }
+    static void clearBlockData(DriverHushCNC &driver)
+    {
+        QMutexLocker lock(&driver.m_blockDataMutex);
+        driver.m_currentBlockData.clear();
+    }
 };
 
 namespace WorkerTest {
