@@ -16,7 +16,7 @@ class TestDriverRegisters : public QObject
 private slots:
     void initTestCase()
     {
-        qApp->setProperty("zel_env", QVariant());
+        QCoreApplication::instance()->setProperty("zel_env", QVariant());
         QLoggingCategory::setFilterRules(QStringLiteral("hust.driver.debug=false"));
     }
 

@@ -51,7 +51,7 @@ class TestDriverWorking : public QObject
 
 private slots:
     void initTestCase();
-    void init() { qApp->setProperty("isExit", QVariant()); }
+    void init() { QCoreApplication::instance()->setProperty("isExit", QVariant()); }
 
     void configurationOnlyDriverRefusesWork();
     void newDriverHasAnIdleWorker();
@@ -71,15 +71,15 @@ private slots:
 
 void TestDriverWorking::initTestCase()
 {
-    qApp->setProperty("zel_env", true);
+    QCoreApplication::instance()->setProperty("zel_env", true);
     QLoggingCategory::setFilterRules(QStringLiteral("hust.driver.debug=false"));
 }
 
 void TestDriverWorking::configurationOnlyDriverRefusesWork()
 {
-    qApp->setProperty("zel_env", QVariant());
+    QCoreApplication::instance()->setProperty("zel_env", QVariant());
     DriverHushCNC driver;
-    qApp->setProperty("zel_env", true);
+    QCoreApplication::instance()->setProperty("zel_env", true);
     FakeController port;
     DriverHushCNCTestAccess access(driver);
     QVERIFY(!access.worker());
@@ -369,7 +369,7 @@ void TestDriverWorking::exitingApplicationDoesNotHoldTheGate()
     FakeController port;
     DriverHushCNC driver;
     QCOMPARE(readUntilData(driver, &port, dw(5)), seeded(5));
-    qApp->setProperty("isExit", true);
+    QCoreApplication::instance()->setProperty("isExit", true);
     driver.clearSessionCommand();
     std::atomic<bool> done(false);
     std::unique_ptr<QThread> reader(QThread::create([&] {
