@@ -21,6 +21,8 @@ private slots:
     void stopFrameIsFixed();
     void decode_data();
     void decode();
+    void forwardSearchOnWholeFrames();
+    void forwardSearchRefusesSplices();
     void shortValuesTakeCachedBytes_data();
     void shortValuesTakeCachedBytes();
     void bitLocation_data();
@@ -186,10 +188,74 @@ void TestWorkerFrames::decode()
     QFETCH(int, position);
     QFETCH(QStringList, values);
     HustFrames::ResponseMatcher matcher(HustFrames::responsePattern(count, lenient));
-    QCOMPARE(matcher.searchForward(received), position);
     QCOMPARE(matcher.searchBackward(received), position);
     if (position >= 0)
         QCOMPARE(matcher.valueTexts(), values);
+    // Forward matches count only when a frame's end follows the records.
+    QCOMPARE(matcher.searchForward(received + "%\x14"), position);
+    if (position >= 0)
+        QCOMPARE(matcher.searchForward(received + "%"), -1);
+}
+
+// In a stream of whole frames, whatever window the forward search sees, it finds the same
+// match as the bare pattern: the guard changes nothing that such a stream delivers.
+void TestWorkerFrames::forwardSearchOnWholeFrames()
+{
+    const QByteArray older = responseFrame("00000001", QList<quint32> {11, 22, 33});
+    const QByteArray newer = responseFrame("00000002", QList<quint32> {44, 55, 66});
+    const QByteArray stream = older + older + newer + newer;
+    const int size = HustFrames::responseSize(3);
+    for (bool lenient : {false, true}) {
+        const QString pattern = HustFrames::responsePattern(3, lenient);
+        for (int end = size; end <= stream.size(); ++end) {
+            QByteArray window = stream.left(end);
+            HustFrames::trimAndRotate(window, size);
+            QRegExp bare(pattern, Qt::CaseSensitive, QRegExp::RegExp);
+            HustFrames::ResponseMatcher matcher(pattern);
+            QCOMPARE(matcher.searchForward(window), bare.indexIn(QString::fromLatin1(window)));
+        }
+    }
+}
+
+// A frame cut short and followed by the next frame's head can be joined by the rotation so that
+// records land on the wrong addresses; the forward search refuses every such window.
+void TestWorkerFrames::forwardSearchRefusesSplices()
+{
+    const QByteArray whole = responseFrame("00000001", QList<quint32> {11, 22, 33});
+    const QByteArray newer = responseFrame("00000002", QList<quint32> {44, 55, 66});
+    const int size = HustFrames::responseSize(3);
+    const QString pattern = HustFrames::responsePattern(3, false);
+    // A record is wrong when it holds neither its address's older nor its newer value.
+    const auto wrong = [](const QStringList &texts) {
+        for (int i = 0; i < texts.size(); ++i) {
+            const quint32 v = HustFrames::valueOf(texts.at(i));
+            if (v != quint32(11 * (i + 1)) && v != quint32(11 * (i + 4)))
+                return true;
+        }
+        return false;
+    };
+    int wrongByBarePattern = 0;
+    for (int cut = 1; cut < whole.size(); ++cut) {
+        for (int arrived = 1; arrived < newer.size(); ++arrived) {
+            QByteArray window = whole + whole.left(cut) + newer.left(arrived);
+            HustFrames::trimAndRotate(window, size);
+            QRegExp bare(pattern, Qt::CaseSensitive, QRegExp::RegExp);
+            if (bare.indexIn(QString::fromLatin1(window)) > 0) {
+                QString records = bare.cap(0);
+                records.remove(bare.cap(1));
+                records.remove(bare.cap(2));
+                records.remove(QLatin1Char('\r'));
+                wrongByBarePattern += wrong(records.split(QLatin1Char('d'), Qt::SkipEmptyParts));
+            }
+            HustFrames::ResponseMatcher matcher(pattern);
+            if (matcher.searchForward(window) > 0)
+                QVERIFY2(!wrong(matcher.valueTexts()),
+                         qPrintable(QStringLiteral("cut at %1, %2 bytes of the next frame")
+                                        .arg(cut)
+                                        .arg(arrived)));
+        }
+    }
+    QVERIFY(wrongByBarePattern > 0);
 }
 
 void TestWorkerFrames::shortValuesTakeCachedBytes_data()

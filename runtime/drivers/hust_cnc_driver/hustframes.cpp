@@ -105,9 +105,21 @@ ResponseMatcher::ResponseMatcher(const QString &pattern)
     : m_regExp(pattern, Qt::CaseSensitive, QRegExp::RegExp)
 { }
 
+// In a stream of whole frames every frame is exactly one response long, so after trimAndRotate()
+// the records of a match are always followed by a frame's end ("%" DC4): either the newest
+// frame's own, or, when its head was joined to the older frame's tail, the older frame's, which
+// then sits at the same offsets. A match followed by anything else joined frames of different
+// lengths (a frame cut short, values sent short), whose records would land on the wrong
+// addresses; it is refused, and the cycle's next attempt searches backward instead.
 int ResponseMatcher::searchForward(const QByteArray &rxBuf)
 {
-    return m_regExp.indexIn(QString::fromLatin1(rxBuf), 0);
+    const int position = m_regExp.indexIn(QString::fromLatin1(rxBuf), 0);
+    if (position < 0)
+        return -1;
+    const int end = position + m_regExp.matchedLength();
+    const bool endsFrame
+        = end + 1 < rxBuf.size() && rxBuf.at(end) == '%' && rxBuf.at(end + 1) == DC4;
+    return endsFrame ? position : -1;
 }
 
 int ResponseMatcher::searchBackward(const QByteArray &rxBuf)

@@ -52,7 +52,8 @@ public:
     explicit ResponseMatcher(const QString &pattern);
 
     // Searches the bytes as Latin-1 text: from the start, or for the last position where the
-    // pattern matches. Returns the match position or -1.
+    // pattern matches. Returns the match position or -1. A forward match counts only when a
+    // frame's end ("%" DC4) follows its records.
     int searchForward(const QByteArray &rxBuf);
     int searchBackward(const QByteArray &rxBuf);
 
