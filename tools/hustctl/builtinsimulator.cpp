@@ -27,6 +27,24 @@ hustsim::Parity simulatorParity(const QString &parity)
     return hustsim::Parity::None;
 }
 
+// The controller's current program when no program directory is given, so that a program read
+// has something to show on a fresh machine.
+const char kSampleProgramName[] = "O0001";
+const char kSampleProgram[] = "O0001\n"
+                              "(SAMPLE: FACE A 40 MM SQUARE)\n"
+                              "G21 G90 G17\n"
+                              "T01 M06\n"
+                              "S1200 M03\n"
+                              "G00 X-22. Y-22. Z5.\n"
+                              "G01 Z-0.5 F100\n"
+                              "G01 X22. F300\n"
+                              "G01 Y22.\n"
+                              "G01 X-22.\n"
+                              "G01 Y-22.\n"
+                              "G00 Z5.\n"
+                              "M05\n"
+                              "M30\n";
+
 } // namespace
 
 std::unique_ptr<BuiltInSimulator> BuiltInSimulator::start(const LinkOptions &options,
@@ -43,6 +61,15 @@ std::unique_ptr<BuiltInSimulator> BuiltInSimulator::start(const LinkOptions &opt
     auto sim = std::make_unique<PtySimulator>(config);
     for (const auto &seed : options.simRegisters)
         sim->simulator().setRegister(seed.first, seed.second);
+    if (!options.simPrograms.isEmpty()) {
+        QString reason;
+        if (!sim->simulator().loadPrograms(options.simPrograms, &reason)) {
+            *error = QStringLiteral("built-in simulator: %1").arg(reason);
+            return nullptr;
+        }
+    }
+    if (sim->simulator().currentProgramName().isEmpty())
+        sim->simulator().setProgram(QLatin1String(kSampleProgramName), kSampleProgram);
     if (!sim->simulator().start()) {
         *error = QStringLiteral("built-in simulator: %1").arg(sim->simulator().errorString());
         return nullptr;

@@ -14,6 +14,8 @@ std::unique_ptr<Command> Command::create(const QString &name)
         return std::make_unique<WatchCommand>();
     if (name == QLatin1String("demo"))
         return std::make_unique<DemoCommand>();
+    if (name == QLatin1String("gcode"))
+        return std::make_unique<GCodeCommand>();
     return nullptr;
 }
 

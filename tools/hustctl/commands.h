@@ -65,4 +65,24 @@ private:
     QList<Target> m_screen;
 };
 
+// gcode get [--all] [-o FILE] | gcode put FILE [--burn]: part programs moved through the driver's
+// G-code keys, as a panel screen moves them.
+class GCodeCommand : public Command
+{
+public:
+    // How long a transfer may take when --timeout is not given.
+    static constexpr int kDefaultTransferTimeoutMs = 300000;
+
+    bool prepare(CtlOptions &options, QString *reason) override;
+    int run(CommandEnv &env) override;
+
+private:
+    int get(CommandEnv &env);
+    int put(CommandEnv &env);
+
+    bool m_put = false;
+    QString m_file;
+    int m_timeoutMs = kDefaultTransferTimeoutMs;
+};
+
 #endif // HUSTCTL_COMMANDS_H

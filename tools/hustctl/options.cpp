@@ -7,8 +7,8 @@
 namespace {
 
 const QStringList kCommands
-    = {QStringLiteral("info"), QStringLiteral("demo"), QStringLiteral("read"),
-       QStringLiteral("write"), QStringLiteral("watch")};
+    = {QStringLiteral("info"),  QStringLiteral("demo"),  QStringLiteral("read"),
+       QStringLiteral("write"), QStringLiteral("watch"), QStringLiteral("gcode")};
 
 // A leading minus followed by a digit is a negative value, not an option.
 bool looksLikeOption(const QString &arg)
@@ -38,6 +38,9 @@ bool optionFits(const QString &option, const QString &command)
         return command == QLatin1String("read") || command == QLatin1String("write");
     if (option == QLatin1String("-c"))
         return command == QLatin1String("read");
+    if (option == QLatin1String("--all") || option == QLatin1String("-o")
+        || option == QLatin1String("--burn"))
+        return command == QLatin1String("gcode");
     return command == QLatin1String("watch"); // -l and -n
 }
 
@@ -149,11 +152,37 @@ bool parseOptions(const QStringList &args, CtlOptions *o, QString *reason)
         } else if (arg == QLatin1String("--timeout")) {
             if (!value(&v) || !toInt(arg, v, 1, 3600000, &o->timeoutMs, reason))
                 return false;
+            o->timeoutGiven = true;
         } else if (arg == QLatin1String("--sim-set")) {
             QPair<int, quint32> seed;
             if (!value(&v) || !parseRegisterSeed(v, &seed, reason))
                 return false;
             o->link.simRegisters << seed;
+        } else if (arg == QLatin1String("--sim-programs")) {
+            if (!value(&o->link.simPrograms))
+                return false;
+            if (o->link.simPrograms.isEmpty()) {
+                *reason = QStringLiteral("%1 needs a directory").arg(arg);
+                return false;
+            }
+        } else if (arg == QLatin1String("--all")) {
+            if (!flag())
+                return false;
+            o->allPrograms = true;
+            commandOptions << arg;
+        } else if (arg == QLatin1String("--burn")) {
+            if (!flag())
+                return false;
+            o->burn = true;
+            commandOptions << arg;
+        } else if (arg == QLatin1String("-o") || arg == QLatin1String("--output")) {
+            if (!value(&o->outputPath))
+                return false;
+            if (o->outputPath.isEmpty()) {
+                *reason = QStringLiteral("%1 needs a file name").arg(arg);
+                return false;
+            }
+            commandOptions << QStringLiteral("-o");
         } else if (arg == QLatin1String("-t") || arg == QLatin1String("--type")) {
             if (!value(&o->type))
                 return false;
@@ -178,9 +207,10 @@ bool parseOptions(const QStringList &args, CtlOptions *o, QString *reason)
 
     if (o->help)
         return true;
-    if (!o->link.device.isEmpty() && (!o->link.simRegisters.isEmpty() || !o->link.pace)) {
-        *reason = QStringLiteral("--sim-set and --no-pace apply to the built-in simulator, not to "
-                                 "--port");
+    if (!o->link.device.isEmpty()
+        && (!o->link.simRegisters.isEmpty() || !o->link.simPrograms.isEmpty() || !o->link.pace)) {
+        *reason = QStringLiteral("--sim-set, --sim-programs and --no-pace apply to the built-in "
+                                 "simulator, not to --port");
         return false;
     }
     if (positional.isEmpty()) {
@@ -200,14 +230,17 @@ bool parseOptions(const QStringList &args, CtlOptions *o, QString *reason)
         }
     }
     const bool takesArguments = o->command == QLatin1String("read")
-        || o->command == QLatin1String("write") || o->command == QLatin1String("watch");
+        || o->command == QLatin1String("write") || o->command == QLatin1String("watch")
+        || o->command == QLatin1String("gcode");
     if (!takesArguments && !o->arguments.isEmpty()) {
         *reason = QStringLiteral("%1 takes no arguments (\"%2\")")
                       .arg(o->command, o->arguments.first());
         return false;
     }
     if (takesArguments && o->arguments.isEmpty()) {
-        *reason = QStringLiteral("%1 needs an address").arg(o->command);
+        *reason = o->command == QLatin1String("gcode")
+            ? QStringLiteral("gcode needs get or put")
+            : QStringLiteral("%1 needs an address").arg(o->command);
         return false;
     }
     if (o->command == QLatin1String("read") && o->arguments.size() > 1) {
@@ -233,14 +266,20 @@ QString usageText()
         "  read ADDRESS [-t bit|word|dword] [-c COUNT]\n"
         "  write ADDRESS VALUE... [-t bit|dword] several values fill consecutive double words\n"
         "  watch ADDRESS[:TYPE]... [-l MS] [-n REFRESHES]\n"
+        "  gcode get [--all] [-o FILE]           the current (or every) program, to FILE or "
+        "stdout\n"
+        "  gcode put FILE [--burn]               send a program; --burn has the controller "
+        "store it\n"
         "addresses: DW<n> and B<n> double words (n 0-99999), B<n>.<bit> (bit 0-31),\n"
         "  I<n> O<n> C<n> S<n> A<n> controller bits (n 0-255)\n"
         "options:\n"
         "  -p, --port DEVICE   serial device (default: the built-in simulator on a pty)\n"
         "  -b BAUD (38400)  -d 7|8 (7)  -s 1|2 (2)  -P even|odd|none (even)\n"
         "  --delay MS  --retry N   pause before each request and read retries (driver defaults)\n"
-        "  --timeout MS (5000)     how long to wait for data\n"
+        "  --timeout MS (5000)     how long to wait for data (gcode: for the transfer, "
+        "300000)\n"
         "  --sim-set N=VALUE       seed a simulator double word (repeatable)\n"
+        "  --sim-programs DIR      simulator programs, one per file (default: one sample)\n"
         "  --no-pace               simulator answers without line pacing\n"
         "  --json                  machine-readable output\n"
         "  --plugin PATH           driver plug-in (default: ../plugins beside this program)\n"

@@ -18,6 +18,7 @@ struct LinkOptions
     int retry = -1;
     bool pace = true;
     QList<QPair<int, quint32>> simRegisters;
+    QString simPrograms; // program directory for the simulator; empty: one sample program
 };
 
 // Everything on the command line, options taken wherever they stand around the command word.
@@ -26,6 +27,7 @@ struct CtlOptions
     QString pluginPath;
     LinkOptions link;
     int timeoutMs = 5000;
+    bool timeoutGiven = false;
     bool json = false;
     bool help = false;
 
@@ -37,6 +39,9 @@ struct CtlOptions
     int count = -1;
     int intervalMs = -1;
     int refreshes = -1;
+    bool allPrograms = false; // gcode get --all
+    QString outputPath; // gcode get -o
+    bool burn = false; // gcode put --burn
 };
 
 // Parses argv (without the program name). Returns false with a one-line reason on a usage error.
