@@ -1,6 +1,7 @@
+#include "hustctlprocess.h"
+
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QtTest>
 
 #include <fcntl.h>
@@ -8,38 +9,6 @@
 #include <unistd.h>
 
 namespace {
-
-struct Run
-{
-    int status = -1;
-    QByteArray out;
-    QByteArray err;
-};
-
-// Runs hustctl to its end; every run is bounded.
-Run hustctl(const QStringList &args, int timeoutMs = 30000)
-{
-    QProcess process;
-    process.start(QStringLiteral(HUSTCTL_PATH), args);
-    Run run;
-    if (!process.waitForFinished(timeoutMs)) {
-        process.kill();
-        process.waitForFinished();
-        run.err = "did not finish";
-        return run;
-    }
-    run.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -2;
-    run.out = process.readAllStandardOutput();
-    run.err = process.readAllStandardError();
-    return run;
-}
-
-QString describe(const Run &run)
-{
-    return QStringLiteral("status %1, stdout \"%2\", stderr \"%3\"")
-        .arg(run.status)
-        .arg(QString::fromUtf8(run.out), QString::fromUtf8(run.err));
-}
 
 // Arguments that put hustctl on the unpaced built-in simulator.
 QStringList onSimulator(const QStringList &args)
@@ -121,6 +90,22 @@ private slots:
             << QStringList {"watch", "DW1:"} << 2 << "no type after the colon";
         QTest::newRow("simulator seed with a port")
             << QStringList {"-p", "/dev/ttyS0", "--sim-set", "1=2", "read", "DW1"} << 2
+            << "apply to the built-in simulator";
+        QTest::newRow("gcode without action") << QStringList {"gcode"} << 2 << "get or put";
+        QTest::newRow("gcode unknown action")
+            << QStringList {"gcode", "list"} << 2 << "\"list\" is neither get nor put";
+        QTest::newRow("gcode put without file")
+            << QStringList {"gcode", "put"} << 2 << "one program file";
+        QTest::newRow("gcode get with a file")
+            << QStringList {"gcode", "get", "x.nc"} << 2 << "use -o FILE";
+        QTest::newRow("burn on get")
+            << QStringList {"gcode", "get", "--burn"} << 2 << "--burn applies to gcode put";
+        QTest::newRow("all on put")
+            << QStringList {"gcode", "put", "x.nc", "--all"} << 2 << "--all applies to gcode get";
+        QTest::newRow("gcode option on read")
+            << QStringList {"read", "DW1", "-o", "x"} << 2 << "-o does not apply to read";
+        QTest::newRow("simulator programs with a port")
+            << QStringList {"-p", "/dev/ttyS0", "--sim-programs", "/tmp", "gcode", "get"} << 2
             << "apply to the built-in simulator";
         QTest::newRow("missing port") << QStringList {"-p", "/dev/does-not-exist", "read", "DW1"}
                                       << 1 << "/dev/does-not-exist: No such file or directory";
