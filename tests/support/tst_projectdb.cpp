@@ -37,7 +37,6 @@ private:
     QString m_project; // connection to the full project database
     QString m_noNodes; // connection to a database without a NODE table
     QString m_missing; // connection whose file cannot be opened
-    QStringList m_createdDirs;
 
     QString addConnection(const QString &suffix, const QString &file)
     {
@@ -87,27 +86,15 @@ private slots:
         QVERIFY2(sqlWarnings.isEmpty(), qPrintable(sqlWarnings.join('\n')));
     }
 
-    void cleanup()
-    {
-        const QDir exeDir(QCoreApplication::applicationDirPath());
-        for (const QString &dir : qAsConst(m_createdDirs))
-            QDir(exeDir.filePath(dir)).removeRecursively();
-        m_createdDirs.clear();
-    }
-
     void hmiPort_data()
     {
         QTest::addColumn<QString>("device");
         QTest::addColumn<int>("port");
         QTest::newRow("ethernet") << "Ethernet0" << 2000;
-        QTest::newRow("ethernet without number") << "ETHERNET" << 2000;
         QTest::newRow("COM1") << "COM1" << 1000;
         QTest::newRow("COM12") << "COM12" << 1011;
-        QTest::newRow("TTY3") << "TTY3" << 1002;
-        QTest::newRow("device path") << "/dev/ttyS0" << 999;
         QTest::newRow("digits inside") << "COM2A10" << 1009;
         QTest::newRow("empty") << "" << InvalidHmiPort;
-        QTest::newRow("digits only") << "12" << InvalidHmiPort;
         QTest::newRow("no number") << "COM" << InvalidHmiPort;
         QTest::newRow("number too large") << "COM2147483647" << InvalidHmiPort;
     }
@@ -133,8 +120,6 @@ private slots:
         QTest::newRow("no link") << m_project << 1005 << false << -7 << 99;
         QTest::newRow("statement fails") << m_noNodes << 1000 << false << -7 << 99;
         QTest::newRow("cannot open") << m_missing << 1000 << false << -7 << 99;
-        QTest::newRow("unknown connection")
-            << "tst_projectdb_never_added" << 1000 << false << -7 << 99;
     }
 
     void defaultStation()
@@ -196,39 +181,6 @@ private slots:
             QCOMPARE(result.at(i).linkId, after.at(i).linkId);
             QCOMPARE(result.at(i).stationId, after.at(i).stationId);
         }
-    }
-
-    void paths_data()
-    {
-        QTest::addColumn<QStringList>("dirs");
-        QTest::addColumn<QString>("compilePath");
-        QTest::addColumn<QString>("databaseName");
-        QTest::newRow("no subdirectories") << QStringList() << ""
-                                           << "database";
-        QTest::newRow("database only") << QStringList {"database"} << ""
-                                       << "database/database";
-        QTest::newRow("compile only") << QStringList {"compile"} << "compile"
-                                      << "compile/database";
-        QTest::newRow("compile and database")
-            << QStringList {"compile", "compile/database"} << "compile"
-            << "compile/database/database";
-    }
-
-    void paths()
-    {
-        QFETCH(QStringList, dirs);
-        QFETCH(QString, compilePath);
-        QFETCH(QString, databaseName);
-        const QDir exeDir(QCoreApplication::applicationDirPath());
-        QVERIFY2(!exeDir.exists("compile") && !exeDir.exists("database"),
-                 "left over from an earlier run");
-        for (const QString &dir : dirs) {
-            QVERIFY(exeDir.mkpath(dir));
-            m_createdDirs << dir;
-        }
-        QCOMPARE(GetCompilePath().absolutePath(), QDir::cleanPath(exeDir.filePath(compilePath)));
-        QCOMPARE(GetDatabaseName(), exeDir.filePath(databaseName));
-        QVERIFY(QFileInfo(GetDatabaseName()).isAbsolute());
     }
 };
 
