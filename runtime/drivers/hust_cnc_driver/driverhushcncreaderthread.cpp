@@ -5,8 +5,18 @@
 #include "hustframes.h"
 #include "hustlog.h"
 #include "tools.h"
+#include "uartregister.h"
 
+#include <QApplication>
+#include <QDialog>
+#include <QFont>
+#include <QFrame>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QPushButton>
 #include <QThread>
+#include <QTimer>
+#include <QVBoxLayout>
 
 #include <algorithm>
 #include <cstring>
@@ -37,6 +47,23 @@ int waitingBytes(AbstractDeviceInterface *port)
 void discardReceived(AbstractDeviceInterface *port)
 {
     port->setOption(AbstractDeviceInterface::DiscardReceivedOption, 0);
+}
+
+// The overflow notice's fixed size.
+constexpr int NoticeWidth = 500;
+constexpr int NoticeHeight = 150;
+// While the notice is open the main thread sleeps until an event comes; "isExit" may be set from
+// any thread without one, so a timer wakes the wait this often to look at it.
+constexpr int NoticeWakeMs = 100;
+
+// The run-time's screen controller, published on the application object as its address (an
+// unsigned integer) or as an object pointer; null when there is none.
+QObject *screenController(const QCoreApplication *app)
+{
+    const QVariant value = app->property("ScreenController");
+    if (value.userType() == QMetaType::QObjectStar)
+        return value.value<QObject *>();
+    return reinterpret_cast<QObject *>(quintptr(value.toULongLong()));
 }
 
 } // namespace
@@ -192,9 +219,43 @@ void DriverHushCNCReaderWriter::loopRead()
     m_isLoopReading = false;
 }
 
-void DriverHushCNCReaderWriter::showOverflowMsg(int) { }
+void DriverHushCNCReaderWriter::showOverflowMsg(int num)
+{
+    QCoreApplication *app = QCoreApplication::instance();
+    if (!app) {
+        qCDebug(lcHustDriver) << "There are" << num
+                              << "registers to read; no application to show it";
+        return;
+    }
+    if (!m_overflowWorker) {
+        Worker *worker = new Worker();
+        worker->moveToThread(app->thread());
+        // Adopted by the application object in its own thread, so it is deleted with it.
+        QMetaObject::invokeMethod(worker, [worker, app] { worker->setParent(app); });
+        m_overflowWorker = worker;
+    }
+    // Further reports are dropped while a notice is pending or on screen.
+    if (m_overflowWorker->m_isShowing.exchange(true))
+        return;
+    // Always queued: the notice waits for its dialog, which must not hold up the caller.
+    QMetaObject::invokeMethod(m_overflowWorker, "showOverflowMsg", Qt::QueuedConnection,
+                              Q_ARG(int, num));
+}
 
-void DriverHushCNCReaderWriter::toggleUartInterrupt(int, bool) { }
+void DriverHushCNCReaderWriter::toggleUartInterrupt(int port, bool enable)
+{
+    const int bit = UartRegister::interruptBit(port);
+    if (bit < 0)
+        return;
+    if (!m_uartRegister)
+        m_uartRegister.reset(new DevMemUartRegister());
+    if (!m_uartRegister->open())
+        return;
+    // Enabling the receive interrupt clears the port's mask bit, disabling sets it.
+    const unsigned int value = m_uartRegister->read();
+    m_uartRegister->write(enable ? clearBit(value, ushort(bit)) : setBit(value, ushort(bit)));
+    m_uartRegister->close();
+}
 
 int DriverHushCNCReaderWriter::calculateRxBufSize()
 {
@@ -481,4 +542,73 @@ void DriverHushCNCReaderWriter::giveUp(bool isResponse)
         sendTxBufForRead(packReadBytesCmd());
     }
     qCDebug(lcHustDriver) << "==== error2.";
+}
+
+Worker::Worker(QObject *parent)
+    : QObject(parent)
+    , m_isShowing(false)
+{ }
+
+Worker::~Worker() = default;
+
+void Worker::showOverflowMsg(int num)
+{
+    QCoreApplication *app = QCoreApplication::instance();
+    QObject *screen = app ? screenController(app) : nullptr;
+    if (!qobject_cast<QApplication *>(app) || !screen) {
+        // Without widgets or a panel to put them on, the count goes to the log only.
+        qCDebug(lcHustDriver) << "There are" << num << "registers to read. It is overflow";
+        m_isShowing = false;
+        return;
+    }
+
+    // Held by a guard: the host may delete the dialog itself once it is told it goes away.
+    QPointer<QDialog> dialog = new QDialog();
+    dialog->setWindowFlags(Qt::Tool | Qt::WindowStaysOnTopHint | Qt::CustomizeWindowHint);
+    dialog->setFont(QFont(QStringLiteral("unifont")));
+    dialog->setWindowTitle(tr("Overflow"));
+
+    auto *layout = new QVBoxLayout(dialog);
+    auto *frame = new QFrame(dialog);
+    layout->addWidget(frame);
+    layout->setSpacing(5);
+    auto *frameLayout = new QHBoxLayout(frame);
+    frameLayout->setSpacing(5);
+    auto *label = new QLabel(
+        tr("There are %1 registers to read. It is overflow, Please check it.").arg(num), frame);
+    // Wrapped, so that the text fits the notice's fixed width.
+    label->setWordWrap(true);
+    frameLayout->addWidget(label);
+    auto *closeButton = new QPushButton(tr("Close"), frame);
+    closeButton->setMinimumSize(75, 41);
+    layout->addWidget(closeButton);
+    connect(closeButton, SIGNAL(clicked()), dialog, SLOT(close()));
+
+    dialog->resize(NoticeWidth, NoticeHeight);
+    dialog->setVisible(true);
+
+    connect(this, SIGNAL(addGlobalsWidget(QWidget *, QPoint, bool)), screen,
+            SLOT(addZTDiaolg(QWidget *, QPoint, bool)), Qt::UniqueConnection);
+    connect(this, SIGNAL(removeGlobalWidget(QWidget *)), screen, SLOT(removeWidget(QWidget *)),
+            Qt::UniqueConnection);
+
+    const int x = (screen->property("panelWidth").toInt() - dialog->width()) / 2;
+    const int y = (screen->property("panelHeight").toInt() - dialog->height()) / 2;
+    dialog->setGeometry(x, y, NoticeWidth, NoticeHeight);
+    emit addGlobalsWidget(dialog, QPoint(x, y), true);
+
+    QTimer wake;
+    wake.start(NoticeWakeMs);
+    while (dialog && !dialog->isHidden()) {
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents | QEventLoop::DialogExec);
+        if (app->property("isExit").toBool())
+            break;
+    }
+
+    // The host lets go of the dialog before it is destroyed.
+    if (dialog) {
+        emit removeGlobalWidget(dialog);
+        delete dialog.data();
+    }
+    m_isShowing = false;
 }

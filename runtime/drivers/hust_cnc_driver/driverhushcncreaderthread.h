@@ -3,18 +3,47 @@
 
 #include <QByteArray>
 #include <QObject>
+#include <QPoint>
+#include <QPointer>
 #include <QStringList>
 #include <QVector>
 
 #include <atomic>
+#include <memory>
 
 class AbstractDeviceInterface;
 class DriverHushCNC;
 class DriverInterface;
+class QWidget;
+class UartRegister;
 
 typedef quint32 DWORD;
 
-class Worker;
+// Shows the overflow notice. Widgets may only be made in the application's main thread, so the
+// link worker moves this object there and queues its slot; the slot returns once the notice is
+// closed or the application is exiting.
+class Worker : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit Worker(QObject *parent = nullptr);
+    ~Worker() override;
+
+signals:
+    void addGlobalsWidget(QWidget *, QPoint, bool);
+    void removeGlobalWidget(QWidget *widget);
+
+public slots:
+    void showOverflowMsg(int num);
+
+private:
+    friend class DriverHushCNCReaderWriter;
+
+    // A notice is pending or on screen: set by the link worker's thread before it queues the
+    // slot, cleared in the main thread when the notice has gone.
+    std::atomic<bool> m_isShowing;
+};
 
 // The link worker: owns the serial exchange with the controller and runs in its own thread.
 // It reads the driver's list of double words in a loop and hands each block to the driver's
@@ -87,7 +116,10 @@ private:
     QByteArray m_lastFullBlock;
     QString m_lastHCode;
     bool m_cmdJustSent;
-    Worker *m_overflowWorker;
+    // Lives in the application's thread and is deleted with the application object.
+    QPointer<Worker> m_overflowWorker;
+    // Made on the first toggleUartInterrupt(), so nothing is opened or mapped before it.
+    std::unique_ptr<UartRegister> m_uartRegister;
     // The cycle under way is a loop cycle (worker's thread only).
     bool m_isLoopCycle;
 
