@@ -3,57 +3,22 @@
 
 #include <QtTest>
 
-#include <atomic>
-
 using namespace WorkerTest;
 
 namespace {
 
-// A controller that streams: after a read request it answers with one response after another
-// (H codes counting up) until it receives the stop frame. Scripted chunks, when queued, are
-// handed out first.
-class StreamingPort : public ScriptedPort
+// A worker on a scripted port.
+struct Fixture
 {
-public:
-    QList<quint32> values {0x1A, 1001};
+    ScriptedPort port;
+    DriverHushCNCReaderWriter worker;
+    DriverHushCNCReaderWriterTestAccess access {worker};
 
-    int readData(char *data, int maxSize) override
+    explicit Fixture(int count = 2)
     {
-        if (pendingReads() > 0 || !m_streaming)
-            return ScriptedPort::readData(data, maxSize);
-        if (m_stream.size() < maxSize) {
-            const QByteArray h = valueChars(quint32(++m_hCode));
-            m_stream.append(responseFrame(h, values));
-        }
-        const int n = qMin(maxSize, int(m_stream.size()));
-        memcpy(data, m_stream.constData(), size_t(n));
-        m_stream.remove(0, n);
-        ScriptedPort::readData(data + n, 0); // counts the call
-        return n;
+        access.setPort(&port);
+        access.setAddrList(names(count));
     }
-
-    int writeData(const char *data, int size) override
-    {
-        const QByteArray bytes(data, size);
-        if (isReadRequest(bytes))
-            m_streaming = true;
-        else if (isStopFrame(bytes))
-            m_streaming = false;
-        return ScriptedPort::writeData(data, size);
-    }
-
-    void setOption(int option, const QVariant &value) override
-    {
-        ScriptedPort::setOption(option, value);
-        m_stream.clear();
-    }
-
-    bool streaming() const { return m_streaming; }
-
-private:
-    std::atomic<bool> m_streaming {false};
-    QByteArray m_stream;
-    int m_hCode = 0;
 };
 
 // Ends a worker thread also when a test fails half-way.
@@ -76,6 +41,12 @@ void answerRequestsWith(ScriptedPort &port, const QByteArray &frame)
     });
 }
 
+void expectMessages(const QStringList &messages)
+{
+    for (const QString &m : messages)
+        QTest::ignoreMessage(QtDebugMsg, qPrintable(m));
+}
+
 } // namespace
 
 Q_DECLARE_METATYPE(QList<QByteArray>)
@@ -85,19 +56,12 @@ class TestWorkerCycle : public QObject
     Q_OBJECT
 
 private slots:
-    void immediateCycle_data();
-    void immediateCycle();
-    void staleHCode_data();
-    void staleHCode();
-    void giveUpLimit_data();
-    void giveUpLimit();
-    void emptyReadRestartsInLoopMode();
-    void immediateReadAgainstSilentLine();
+    void cycle_data();
+    void cycle();
+    void immediateRead_data();
     void immediateRead();
     void shortValues_data();
     void shortValues();
-    void loopReadBeforeStartParks();
-    void loopReadingFeedsTheDriver();
     void stopLoopReadEndsCycleWithoutDelivery();
     void drainIsBounded();
     void writeDWord_data();
@@ -106,279 +70,186 @@ private slots:
     void writeBit();
 };
 
-// One immediate cycle on scripted chunks, for N = 2.
-void TestWorkerCycle::immediateCycle_data()
-{
-    QTest::addColumn<bool>("cmdJustSent");
-    QTest::addColumn<QList<QByteArray>>("chunks");
-    QTest::addColumn<QByteArray>("expected");
-
-    const QByteArray oldFrame = responseFrame("00000001", QList<quint32> {7, 8});
-    const QByteArray newFrame = responseFrame("00000002", QList<quint32> {26, 1001});
-    QTest::newRow("behind the tail of an older response")
-        << true << QList<QByteArray> {oldFrame.right(17) + newFrame} << block({26, 1001});
-    QTest::newRow("last of two after a request")
-        << true << QList<QByteArray> {oldFrame.right(30) + newFrame.left(30), newFrame.mid(30)}
-        << block({26, 1001});
-    QTest::newRow("steady: frame at the start")
-        << false << QList<QByteArray> {newFrame} << block({26, 1001});
-    QTest::newRow("steady: match at position 0 fails")
-        << false << QList<QByteArray> {newFrame.mid(1) + "x"} << QByteArray();
-}
-
-void TestWorkerCycle::immediateCycle()
-{
-    QFETCH(bool, cmdJustSent);
-    QFETCH(QList<QByteArray>, chunks);
-    QFETCH(QByteArray, expected);
-    ScriptedPort port;
-    for (const QByteArray &c : chunks)
-        port.queueRead(c);
-    DriverHushCNCReaderWriter worker;
-    DriverHushCNCReaderWriterTestAccess access(worker);
-    access.setPort(&port);
-    access.setAddrList(names(2));
-    access.setCmdJustSent(cmdJustSent);
-    access.setLastHCode("H00000001\r");
-    QSignalSpy timeouts(&worker, &DriverHushCNCReaderWriter::setReadLoopTimeoutError);
-    if (expected.isEmpty())
-        QTest::ignoreMessage(QtDebugMsg, "==== error2.");
-
-    QByteArray response("untouched");
-    access.readFromCNCController(true, &response);
-
-    QCOMPARE(response, expected.isEmpty() ? QByteArray("untouched") : expected);
-    QCOMPARE(timeouts.count(), expected.isEmpty() ? 1 : 0);
-    if (!expected.isEmpty()) {
-        QVERIFY(!access.cmdJustSent());
-        QCOMPARE(access.lastHCode(), cmdJustSent ? QString("H00000002\r") : "H00000001\r");
-    }
-    // An immediate cycle that gives up sends nothing.
-    QVERIFY(port.writes().isEmpty());
-}
-
-void TestWorkerCycle::staleHCode_data()
-{
-    QTest::addColumn<bool>("cmdJustSent");
-    QTest::newRow("right after a request") << true;
-    QTest::newRow("steady reading") << false;
-}
-
-void TestWorkerCycle::staleHCode()
-{
-    QFETCH(bool, cmdJustSent);
-    ScriptedPort port;
-    port.queueRead(responseFrame("00000001", QList<quint32> {1, 2}));
-    answerRequestsWith(port, responseFrame("00000002", QList<quint32> {3, 4}));
-    DriverHushCNCReaderWriter worker;
-    DriverHushCNCReaderWriterTestAccess access(worker);
-    access.setPort(&port);
-    access.setAddrList(names(2));
-    access.setCmdJustSent(cmdJustSent);
-    access.setLastHCode("H00000001\r");
-    if (cmdJustSent) {
-        QTest::ignoreMessage(QtDebugMsg, "error0. H code is the same with previous data");
-        QTest::ignoreMessage(QtDebugMsg, "retrySendReadCommand");
-    }
-
-    QByteArray response;
-    access.readFromCNCController(true, &response);
-
-    if (cmdJustSent) {
-        QCOMPARE(response, block({3, 4}));
-        const QList<QByteArray> writes = port.writes();
-        QCOMPARE(writes.size(), 2);
-        QVERIFY(isStopFrame(writes.at(0)));
-        QCOMPARE(writes.at(1), access.packReadBytesCmd());
-        QCOMPARE(access.lastHCode(), QString("H00000002\r"));
-    } else {
-        QCOMPARE(response, block({1, 2}));
-        QVERIFY(port.writes().isEmpty());
-    }
-}
-
-void TestWorkerCycle::giveUpLimit_data()
+// One cycle on scripted chunks. The controller answers every read request the cycle sends with
+// `answer`; readCalls 0 leaves the number of reads unchecked.
+void TestWorkerCycle::cycle_data()
 {
     QTest::addColumn<int>("count");
-    QTest::addColumn<QList<QByteArray>>("firstChunks");
-    QTest::addColumn<int>("readsUntilGivingUp");
-    // The first chunks fill one response's worth of bytes; every further read brings one byte,
-    // so each pass makes one failed match attempt.
-    QTest::newRow("N=2, limit 10") << 2 << QList<QByteArray> {QByteArray(45, 'x')} << 12;
-    QTest::newRow("N=3, limit 10") << 3 << QList<QByteArray> {QByteArray(55, 'x')} << 12;
-    QTest::newRow("N=30, limit 60")
-        << 30 << QList<QByteArray> {QByteArray(200, 'x'), QByteArray(125, 'x')} << 2 + 61;
+    QTest::addColumn<bool>("loop");
+    QTest::addColumn<bool>("cmdJustSent");
+    QTest::addColumn<QList<QByteArray>>("chunks");
+    QTest::addColumn<QByteArray>("answer");
+    QTest::addColumn<QByteArray>("expected");
+    QTest::addColumn<int>("timeouts");
+    QTest::addColumn<int>("requests");
+    QTest::addColumn<int>("readCalls");
+    QTest::addColumn<QStringList>("messages");
+
+    const QByteArray oldFrame = responseFrame("00000001", QList<quint32> {1, 2});
+    const QByteArray newFrame = responseFrame("00000002", QList<quint32> {3, 4});
+    const QStringList giveUp {"==== error2."};
+    QTest::newRow("behind the tail of an older response")
+        << 2 << false << true << QList<QByteArray> {oldFrame.right(17) + newFrame} << QByteArray()
+        << block({3, 4}) << 0 << 0 << 0 << QStringList();
+    QTest::newRow("match at position 0 fails")
+        << 2 << false << false << QList<QByteArray> {newFrame.mid(1) + "x"} << QByteArray()
+        << QByteArray() << 1 << 0 << 0 << giveUp;
+    // Right after a request the old H code means the controller has not seen it yet: resend.
+    QTest::newRow("stale H code after a request")
+        << 2 << false << true << QList<QByteArray> {oldFrame} << newFrame << block({3, 4}) << 0 << 1
+        << 0
+        << QStringList {"error0. H code is the same with previous data", "retrySendReadCommand"};
+    QTest::newRow("same H code in steady reading")
+        << 2 << false << false << QList<QByteArray> {oldFrame} << newFrame << block({1, 2}) << 0
+        << 0 << 0 << QStringList();
+    // After one response's worth of bytes every read brings one byte: one failed match each,
+    // up to max(2N, 10) attempts.
+    const QList<QByteArray> drip = QVector<QByteArray>(100, "x").toList();
+    QTest::newRow("give up, N=2: 10 attempts")
+        << 2 << false << false << (QList<QByteArray> {QByteArray(45, 'x')} + drip) << QByteArray()
+        << QByteArray() << 1 << 0 << 12 << giveUp;
+    QTest::newRow("give up, N=30: 60 attempts")
+        << 30 << false << false
+        << (QList<QByteArray> {QByteArray(200, 'x'), QByteArray(125, 'x')} + drip) << QByteArray()
+        << QByteArray() << 1 << 0 << 2 + 61 << giveUp;
+    // The 32nd empty read raises the time-out and restarts the exchange. Without a driver the
+    // block only refreshes the last full block.
+    QTest::newRow("32nd empty read restarts a loop cycle")
+        << 2 << true << false << QList<QByteArray>() << newFrame << block({3, 4}) << 1 << 1 << 33
+        << QStringList {"retrySendReadCommand", "loop read: no driver to take the block"};
 }
 
-void TestWorkerCycle::giveUpLimit()
+void TestWorkerCycle::cycle()
 {
     QFETCH(int, count);
-    QFETCH(QList<QByteArray>, firstChunks);
-    QFETCH(int, readsUntilGivingUp);
-    ScriptedPort port;
-    for (const QByteArray &c : firstChunks)
-        port.queueRead(c);
-    for (int i = 0; i < 100; ++i)
-        port.queueRead("x");
-    DriverHushCNCReaderWriter worker;
-    DriverHushCNCReaderWriterTestAccess access(worker);
-    access.setPort(&port);
-    access.setAddrList(names(count));
-    QSignalSpy timeouts(&worker, &DriverHushCNCReaderWriter::setReadLoopTimeoutError);
-    QTest::ignoreMessage(QtDebugMsg, "==== error2.");
+    QFETCH(bool, loop);
+    QFETCH(bool, cmdJustSent);
+    QFETCH(QList<QByteArray>, chunks);
+    QFETCH(QByteArray, answer);
+    QFETCH(QByteArray, expected);
+    QFETCH(int, timeouts);
+    QFETCH(int, requests);
+    QFETCH(int, readCalls);
+    QFETCH(QStringList, messages);
+    Fixture f(count);
+    for (const QByteArray &c : chunks)
+        f.port.queueRead(c);
+    if (!answer.isEmpty())
+        answerRequestsWith(f.port, answer);
+    f.access.setCmdJustSent(cmdJustSent);
+    f.access.setLastHCode("H00000001\r");
+    f.worker.m_isStopLoopRead = !loop;
+    QSignalSpy timeoutSpy(&f.worker, &DriverHushCNCReaderWriter::setReadLoopTimeoutError);
+    expectMessages(messages);
 
-    QByteArray response;
-    access.readFromCNCController(true, &response);
-
-    QCOMPARE(port.readCalls(), readsUntilGivingUp);
-    QCOMPARE(timeouts.count(), 1);
-    QVERIFY(response.isEmpty());
-}
-
-// The 32nd empty read raises the time-out and restarts the exchange; the cycle then takes the
-// controller's answer. With no driver set, the block only refreshes the last full block.
-void TestWorkerCycle::emptyReadRestartsInLoopMode()
-{
-    ScriptedPort port;
-    answerRequestsWith(port, responseFrame("00000005", QList<quint32> {9, 10}));
-    DriverHushCNCReaderWriter worker;
-    DriverHushCNCReaderWriterTestAccess access(worker);
-    access.setPort(&port);
-    access.setAddrList(names(2));
-    worker.m_isStopLoopRead = false;
-    QSignalSpy timeouts(&worker, &DriverHushCNCReaderWriter::setReadLoopTimeoutError);
-    QTest::ignoreMessage(QtDebugMsg, "retrySendReadCommand");
-    QTest::ignoreMessage(QtDebugMsg, "loop read: no driver to take the block");
-
-    access.readFromCNCController(false);
-
-    QCOMPARE(port.readCalls(), 33);
-    QCOMPARE(timeouts.count(), 1);
-    QCOMPARE(access.lastFullBlock(), block({9, 10}));
-    QVERIFY(!access.hasDriver());
-}
-
-// Against a silent line a cycle ends after three restarts; shown here on an immediate read, whose
-// caller waits for it.
-void TestWorkerCycle::immediateReadAgainstSilentLine()
-{
-    ScriptedPort port;
-    DriverHushCNCReaderWriter worker;
-    DriverHushCNCReaderWriterTestAccess access(worker);
-    access.setPort(&port);
-    QSignalSpy timeouts(&worker, &DriverHushCNCReaderWriter::setReadLoopTimeoutError);
     QByteArray response("untouched");
+    f.access.readFromCNCController(!loop, &response);
 
-    worker.getAddrValRightaway(names(2), quintptr(&response));
+    if (loop) {
+        QCOMPARE(f.access.lastFullBlock(), expected);
+    } else {
+        QCOMPARE(response, expected.isEmpty() ? QByteArray("untouched") : expected);
+        if (!expected.isEmpty()) {
+            QVERIFY(!f.access.cmdJustSent());
+            QCOMPARE(f.access.lastHCode(), cmdJustSent ? QString("H00000002\r") : "H00000001\r");
+        }
+    }
+    QCOMPARE(timeoutSpy.count(), timeouts);
+    int sent = 0;
+    for (const QByteArray &w : f.port.writes()) {
+        if (isReadRequest(w)) {
+            QCOMPARE(w, f.access.packReadBytesCmd());
+            ++sent;
+        }
+    }
+    QCOMPARE(sent, requests);
+    if (readCalls)
+        QCOMPARE(f.port.readCalls(), readCalls);
+}
 
-    QCOMPARE(response, QByteArray("untouched"));
-    QCOMPARE(timeouts.count(), 4); // three restarts, then the cycle ends
-    QCOMPARE(port.readCalls(), 4 * 32);
-    int requests = 0;
-    for (const QByteArray &w : port.writes())
-        requests += isReadRequest(w) ? 1 : 0;
-    QCOMPARE(requests, 1 + 3);
+// An immediate read stops the stream, asks and, once answered, stops again; against a silent line
+// it ends after three restarts, so that its caller is never held for long.
+void TestWorkerCycle::immediateRead_data()
+{
+    QTest::addColumn<QByteArray>("answer");
+    QTest::addColumn<QByteArray>("expected");
+    QTest::addColumn<int>("timeouts");
+    QTest::addColumn<int>("requests");
+    QTest::addColumn<int>("readCalls");
+    QTest::newRow("answered") << responseFrame("00000017", QList<quint32> {0x1A, 1001})
+                              << QByteArray::fromHex("1a000000e9030000") << 0 << 1 << 0;
+    QTest::newRow("silent line") << QByteArray() << QByteArray("untouched") << 4 << 1 + 3 << 4 * 32;
 }
 
 void TestWorkerCycle::immediateRead()
 {
-    ScriptedPort port;
-    answerRequestsWith(port, responseFrame("00000017", QList<quint32> {0x1A, 1001}));
-    DriverHushCNCReaderWriter worker;
-    DriverHushCNCReaderWriterTestAccess access(worker);
-    access.setPort(&port);
-    QByteArray response;
+    QFETCH(QByteArray, answer);
+    QFETCH(QByteArray, expected);
+    QFETCH(int, timeouts);
+    QFETCH(int, requests);
+    QFETCH(int, readCalls);
+    Fixture f;
+    if (!answer.isEmpty())
+        answerRequestsWith(f.port, answer);
+    QSignalSpy timeoutSpy(&f.worker, &DriverHushCNCReaderWriter::setReadLoopTimeoutError);
+    QByteArray response("untouched");
 
-    worker.getAddrValRightaway(names(2, 10), quintptr(&response));
+    f.worker.getAddrValRightaway(names(2, 10), quintptr(&response));
 
-    QCOMPARE(response, QByteArray::fromHex("1a000000e9030000"));
-    const QList<QByteArray> writes = port.writes();
-    QCOMPARE(writes.size(), 3);
-    QVERIFY(isStopFrame(writes.at(0)));
-    QCOMPARE(writes.at(1), QByteArray("\x12%\rO9000\rN0\rv02\rd00010\rd00011\r%\x14"));
-    QVERIFY(isStopFrame(writes.at(2)));
+    QCOMPARE(response, expected);
+    QCOMPARE(timeoutSpy.count(), timeouts);
+    const QList<QByteArray> writes = f.port.writes();
+    QVERIFY(isStopFrame(writes.value(0)));
+    if (!answer.isEmpty())
+        QVERIFY(isStopFrame(writes.last()));
+    int sent = 0;
+    for (const QByteArray &w : writes)
+        sent += w == QByteArray("\x12%\rO9000\rN0\rv02\rd00010\rd00011\r%\x14") ? 1 : 0;
+    QCOMPARE(sent, requests);
+    if (readCalls)
+        QCOMPARE(f.port.readCalls(), readCalls);
     // Loop state is untouched.
-    QVERIFY(worker.m_isStopLoopRead);
-    QVERIFY(!worker.m_isLoopReading);
+    QVERIFY(f.worker.m_isStopLoopRead);
+    QVERIFY(!f.worker.m_isLoopReading);
 }
 
 // Under the lenient pattern (a full last block for the same list) short values are taken from
-// the last full block; the block reaches the driver but does not replace the last full block.
+// the last full block; such a block reaches the driver but does not replace the last full block.
 void TestWorkerCycle::shortValues_data()
 {
+    QTest::addColumn<QList<QByteArray>>("texts");
     QTest::addColumn<QByteArray>("lastFullBlock");
     QTest::addColumn<QByteArray>("delivered");
-    QTest::newRow("lenient") << block({0x11, 0x22}) << block({5, 0x22});
-    QTest::newRow("strict: cache of another list") << block({0x11}) << QByteArray();
+    QTest::addColumn<bool>("full");
+    const QList<QByteArray> shortTexts {"00000005", "000006"};
+    QTest::newRow("full block, comma reads 0")
+        << QList<QByteArray> {"????????", "0000,000"} << block({0x11, 0x22})
+        << block({0xFFFFFFFF, 0}) << true;
+    QTest::newRow("lenient") << shortTexts << block({0x11, 0x22}) << block({5, 0x22}) << false;
+    QTest::newRow("strict: cache of another list")
+        << shortTexts << block({0x11}) << QByteArray() << false;
 }
 
 void TestWorkerCycle::shortValues()
 {
+    QFETCH(QList<QByteArray>, texts);
     QFETCH(QByteArray, lastFullBlock);
     QFETCH(QByteArray, delivered);
-    const QByteArray frame = responseFrame("00000009", QList<QByteArray> {"00000005", "000006"});
-    ScriptedPort port;
-    port.queueRead(frame.repeated(20));
+    QFETCH(bool, full);
+    Fixture f;
+    f.port.queueRead(responseFrame("00000009", texts).repeated(20));
     DriverHushCNC driver;
-    DriverHushCNCReaderWriter worker;
-    DriverHushCNCReaderWriterTestAccess access(worker);
-    worker.setDriverInterface(&driver);
-    access.setPort(&port);
-    access.setAddrList(names(2));
-    access.setLastHCode("H00000001\r");
-    access.setLastFullBlock(lastFullBlock);
-    worker.m_isStopLoopRead = false;
+    f.worker.setDriverInterface(&driver);
+    f.access.setLastHCode("H00000001\r");
+    f.access.setLastFullBlock(lastFullBlock);
+    f.worker.m_isStopLoopRead = false;
     if (delivered.isEmpty())
         QTest::ignoreMessage(QtDebugMsg, "==== error2.");
 
-    access.readFromCNCController(false);
+    f.access.readFromCNCController(false);
 
     QCOMPARE(DriverHushCNCTestAccess::blockData(driver), delivered);
-    QCOMPARE(access.lastFullBlock(), lastFullBlock);
-}
-
-void TestWorkerCycle::loopReadBeforeStartParks()
-{
-    ScriptedPort port;
-    DriverHushCNCReaderWriter worker;
-    DriverHushCNCReaderWriterTestAccess access(worker);
-    access.setPort(&port);
-    worker.loopRead();
-    QVERIFY(worker.m_isStopLoopRead);
-    QVERIFY(worker.m_isLoopReading);
-    QCOMPARE(port.readCalls(), 0);
-    QCOMPARE(port.discardCalls(), 0);
-}
-
-void TestWorkerCycle::loopReadingFeedsTheDriver()
-{
-    StreamingPort port;
-    port.values = {0x1A, 1001, 0xFFFFFFFF};
-    SerializedPort serialized(&port);
-    DriverHushCNC driver;
-    DriverHushCNCReaderWriter worker;
-    QThread thread;
-    worker.moveToThread(&thread);
-    ThreadStopper stopper {thread};
-    worker.setDriverInterface(&driver);
-    worker.setReadInterface(&serialized);
-    QVERIFY(isStopFrame(port.writes().value(0)));
-    thread.start();
-
-    QMetaObject::invokeMethod(&worker, "startLoopRead", Q_ARG(QStringList, names(3)));
-    QTRY_COMPARE(DriverHushCNCTestAccess::blockData(driver), block({0x1A, 1001, 0xFFFFFFFF}));
-    QTRY_VERIFY(!worker.m_isLoopReading);
-    QVERIFY(!worker.m_isStopLoopRead);
-
-    // Another sampled cycle picks up a change.
-    port.values = {1, 2, 3};
-    QMetaObject::invokeMethod(&worker, "loopRead");
-    QTRY_COMPARE(DriverHushCNCTestAccess::blockData(driver), block({1, 2, 3}));
-
-    worker.stopLoopRead();
-    QVERIFY(!port.streaming());
-    thread.quit();
-    QVERIFY(thread.wait(5000));
+    QCOMPARE(f.access.lastFullBlock(), full ? delivered : lastFullBlock);
 }
 
 void TestWorkerCycle::stopLoopReadEndsCycleWithoutDelivery()
@@ -407,70 +278,57 @@ void TestWorkerCycle::stopLoopReadEndsCycleWithoutDelivery()
     QVERIFY(worker.m_isStopLoopRead);
     QVERIFY(isStopFrame(port.writes().last()));
     QVERIFY(DriverHushCNCTestAccess::blockData(driver).isEmpty());
-    thread.quit();
-    QVERIFY(thread.wait(5000));
 }
 
-// A controller that never goes quiet: the drain gives up after about two seconds, re-sending
-// the stop frame on every pass from the 27th on.
+// A controller that never goes quiet: the drain gives up, re-sending the stop frame on every
+// pass from the 27th on.
 void TestWorkerCycle::drainIsBounded()
 {
-    ScriptedPort port;
-    port.setAvailable(10);
-    DriverHushCNCReaderWriter worker;
-    DriverHushCNCReaderWriterTestAccess access(worker);
-    access.setPort(&port);
+    Fixture f;
+    f.port.setAvailable(10);
     QTest::ignoreMessage(QtDebugMsg,
                          QRegularExpression("drain gave up: the line did not go quiet"));
-    access.checkRxBufAndExit();
-    QCOMPARE(port.availableQueries(), 100);
-    QCOMPARE(port.writes().size(), 100 - 26); // passes 27 to 100
-    QCOMPARE(port.discardCalls(), 101);
+    f.access.checkRxBufAndExit();
+    QCOMPARE(f.port.availableQueries(), 100);
+    QCOMPARE(f.port.writes().size(), 100 - 26);
+    QCOMPARE(f.port.discardCalls(), 101);
 }
 
 void TestWorkerCycle::writeDWord_data()
 {
     QTest::addColumn<QString>("address");
     QTest::addColumn<int>("length");
-    QTest::addColumn<QByteArray>("data");
     QTest::addColumn<int>("writeResult");
     QTest::addColumn<QStringList>("addressLines");
     QTest::addColumn<int>("errors");
-    const QByteArray three = block({1, 2, 3});
-    QTest::newRow("DW100 x3") << "DW100" << 3 << three << -1
-                              << QStringList {"N00100", "N00101", "N00102"} << 0;
-    QTest::newRow("C35") << "C35" << 1 << three << -1 << QStringList {"N10817"} << 0;
-    QTest::newRow("short writes") << "DW100" << 3 << three << 5
-                                  << QStringList {"N00100", "N00101", "N00102"} << 3;
-    QTest::newRow("beyond 99999") << "DW99999" << 2 << three << -1 << QStringList() << 1;
-    QTest::newRow("nothing") << "DW1" << 0 << three << -1 << QStringList() << 0;
+    const QStringList three {"N00100", "N00101", "N00102"};
+    QTest::newRow("DW100 x3") << "DW100" << 3 << -1 << three << 0;
+    QTest::newRow("short writes") << "DW100" << 3 << 5 << three << 3;
+    QTest::newRow("beyond 99999") << "DW99999" << 2 << -1 << QStringList() << 1;
+    QTest::newRow("nothing") << "DW1" << 0 << -1 << QStringList() << 0;
 }
 
+// One frame per value, each after a discard of the input.
 void TestWorkerCycle::writeDWord()
 {
     QFETCH(QString, address);
     QFETCH(int, length);
-    QFETCH(QByteArray, data);
     QFETCH(int, writeResult);
     QFETCH(QStringList, addressLines);
     QFETCH(int, errors);
-    ScriptedPort port;
-    port.setWriteResult(writeResult);
-    // Records whether a discard came right before each write.
+    Fixture f;
+    f.port.setWriteResult(writeResult);
     QList<int> discardsBeforeWrite;
-    port.setResponder([&discardsBeforeWrite](ScriptedPort &p, const QByteArray &) {
+    f.port.setResponder([&discardsBeforeWrite](ScriptedPort &p, const QByteArray &) {
         discardsBeforeWrite << p.discardCalls();
     });
-    DriverHushCNCReaderWriter worker;
-    DriverHushCNCReaderWriterTestAccess access(worker);
-    access.setPort(&port);
-    QSignalSpy spy(&worker, &DriverHushCNCReaderWriter::setWriteDWordError);
+    QSignalSpy spy(&f.worker, &DriverHushCNCReaderWriter::setWriteDWordError);
     if (addressLines.isEmpty() && length > 0)
         QTest::ignoreMessage(QtDebugMsg, QRegularExpression("double-word write refused"));
 
-    worker.writeDWord(address, length, data);
+    f.worker.writeDWord(address, length, block({1, 2, 3}));
 
-    const QList<QByteArray> writes = port.writes();
+    const QList<QByteArray> writes = f.port.writes();
     QCOMPARE(writes.size(), addressLines.size());
     for (int i = 0; i < writes.size(); ++i) {
         const QList<QByteArray> lines = writes.at(i).split('\r');
@@ -489,15 +347,16 @@ void TestWorkerCycle::writeBit_data()
     QTest::addColumn<int>("writeResult");
     QTest::addColumn<QByteArray>("frame");
     QTest::addColumn<int>("errors");
-    QTest::newRow("set B12.7") << "B12.7" << true << -1
-                               << QByteArray("\x12%\rO9013\rN00012\rd07\r%\x14") << 0;
+    const QByteArray set("\x12%\rO9013\rN00012\rd07\r%\x14");
+    QTest::newRow("set B12.7") << "B12.7" << true << -1 << set << 0;
     QTest::newRow("clear B12.7") << "B12.7" << false << -1
                                  << QByteArray("\x12%\rO9014\rN00012\rd07\r%\x14") << 0;
-    QTest::newRow("B12 is bit 0") << "B12" << true << -1
-                                  << QByteArray("\x12%\rO9013\rN00012\rd00\r%\x14") << 0;
-    QTest::newRow("short write") << "B12.7" << true << 21
-                                 << QByteArray("\x12%\rO9013\rN00012\rd07\r%\x14") << 1;
+    QTest::newRow("short write") << "B12.7" << true << 21 << set << 1;
     QTest::newRow("not a B address") << "DW12.7" << true << -1 << QByteArray() << 0;
+    QTest::newRow("B12.x is bit 0")
+        << "B12.x" << true << -1 << QByteArray("\x12%\rO9013\rN00012\rd00\r%\x14") << 0;
+    QTest::newRow("clear B1.99") << "B1.99" << false << -1
+                                 << QByteArray("\x12%\rO9014\rN00001\rd99\r%\x14") << 0;
     QTest::newRow("bit 100 refused") << "B12.100" << true << -1 << QByteArray() << 1;
     QTest::newRow("address 100000 refused") << "B100000.1" << true << -1 << QByteArray() << 1;
 }
@@ -509,19 +368,16 @@ void TestWorkerCycle::writeBit()
     QFETCH(int, writeResult);
     QFETCH(QByteArray, frame);
     QFETCH(int, errors);
-    ScriptedPort port;
-    port.setWriteResult(writeResult);
-    DriverHushCNCReaderWriter worker;
-    DriverHushCNCReaderWriterTestAccess access(worker);
-    access.setPort(&port);
-    QSignalSpy spy(&worker, &DriverHushCNCReaderWriter::setWriteBitError);
+    Fixture f;
+    f.port.setWriteResult(writeResult);
+    QSignalSpy spy(&f.worker, &DriverHushCNCReaderWriter::setWriteBitError);
     if (frame.isEmpty() && errors > 0)
         QTest::ignoreMessage(QtDebugMsg, QRegularExpression("write refused"));
 
-    worker.writeBit(address, value);
+    f.worker.writeBit(address, value);
 
-    QCOMPARE(port.written(), frame);
-    QCOMPARE(port.discardCalls(), frame.isEmpty() ? 0 : 1);
+    QCOMPARE(f.port.written(), frame);
+    QCOMPARE(f.port.discardCalls(), frame.isEmpty() ? 0 : 1);
     QCOMPARE(spy.count(), errors);
 }
 

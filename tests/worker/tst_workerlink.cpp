@@ -147,7 +147,6 @@ void TestWorkerLink::writesReachMemory()
     QMetaObject::invokeMethod(m_worker.get(), "writeBit", Q_ARG(QString, "B17.0"),
                               Q_ARG(bool, false));
     QTRY_COMPARE(m_sim->registerValue(17), (seededValue(17) | 0x10) & ~1u);
-    // The stream carries the new values.
     int wrong = 0;
     QTRY_VERIFY_WITH_TIMEOUT((wrong = 0, pump(100, &wrong) > 0 && wrong == 0), 5000);
 }

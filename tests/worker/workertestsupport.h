@@ -26,15 +26,9 @@ public:
     QString lastHCode() const { return w.m_lastHCode; }
     void setLastFullBlock(const QByteArray &block) { w.m_lastFullBlock = block; }
     QByteArray lastFullBlock() const { return w.m_lastFullBlock; }
-    QString responsePattern() const { return w.m_responsePattern; }
-    bool hasDriver() const { return w.m_driver != nullptr; }
 
     QByteArray packReadBytesCmd() { return w.packReadBytesCmd(); }
     QByteArray packWriteDWordCmd(int addr, DWORD val) { return w.packWriteDWordCmd(addr, val); }
-    QByteArray packWriteBtypeBitCmd(int addr, int bit, bool val)
-    {
-        return w.packWriteBtypeBitCmd(addr, bit, val);
-    }
     int calculateRxBufSize() { return w.calculateRxBufSize(); }
     void sendTxBufForRead(const QByteArray &tx) { w.sendTxBufForRead(tx); }
     void sendStopSendCommand() { w.sendStopSendCommand(); }
@@ -42,10 +36,6 @@ public:
     void packDWordList(const QByteArray &data, QVector<DWORD> &dwords, int length)
     {
         w.packDWordList(data, dwords, length);
-    }
-    QByteArray extractDataFromRespBuf(const QStringList &data, int length, bool &isFull)
-    {
-        return w.extractDataFromRespBuf(data, length, isFull);
     }
     void readFromCNCController(bool isResponse, QByteArray *response = nullptr)
     {
