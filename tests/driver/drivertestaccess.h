@@ -35,20 +35,10 @@ public:
     void sendStopSendCommand(AbstractDeviceInterface *port) { d.sendStopSendCommand(port); }
     void setReadTimeOutError() { d.setReadTimeOutError(); }
 
-    void setList(const QStringList &list)
-    {
-        QMutexLocker lock(&d.m_addrListMutex);
-        d.m_currentAddrList = list;
-    }
     QStringList list()
     {
         QMutexLocker lock(&d.m_addrListMutex);
         return d.m_currentAddrList;
-    }
-    void setCache(const QByteArray &block)
-    {
-        QMutexLocker lock(&d.m_blockDataMutex);
-        d.m_currentBlockData = block;
     }
     QByteArray cache()
     {
@@ -58,15 +48,17 @@ public:
     // The state of a driver whose worker streams `list` into a cache holding `block`.
     void setStreaming(const QStringList &list, const QByteArray &block)
     {
-        setList(list);
-        setCache(block);
+        {
+            QMutexLocker lock(&d.m_addrListMutex);
+            d.m_currentAddrList = list;
+        }
+        QMutexLocker lock(&d.m_blockDataMutex);
+        d.m_currentBlockData = block;
         d.isStartLoopRead = true;
     }
-    bool loopStarted() const { return d.isStartLoopRead; }
     int triggerIndex() const { return d.m_loopTriggerIndex; }
     bool blockUpdated() const { return d.m_isBlockDataUpdated; }
     int clearErrorCountdown() const { return d.m_clearErrorCountdown; }
-    bool writeBitDirectDisabled() const { return d.m_isWriteBitDirectDisable; }
     bool loopReadStoppedForGCode() const { return d.m_isLoopReadStoppedForGCode; }
     QStringList gcodeKeyList() const { return d.m_gcodeKeyList; }
 

@@ -46,12 +46,6 @@ quint32 FakeController::value(int index) const
     return valueLocked(index);
 }
 
-void FakeController::setValue(int index, quint32 value)
-{
-    QMutexLocker lock(&m_mutex);
-    m_written.insert(index, value);
-}
-
 bool FakeController::isStreaming() const
 {
     QMutexLocker lock(&m_mutex);
@@ -125,7 +119,6 @@ void FakeController::handleFrame(const QByteArray &frame)
         }
         m_streaming = true;
         m_pendingRead.clear();
-        ++m_readRequests;
     } else if (command == "O9012" && lines.size() >= 3) {
         m_written.insert(lines.at(1).mid(1).toInt(), parseValueCharacters(lines.at(2).mid(1)));
     } else if ((command == "O9013" || command == "O9014") && lines.size() >= 3) {

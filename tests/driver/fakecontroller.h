@@ -24,12 +24,9 @@ public:
     static quint32 seededValue(int index) { return quint32(index) * 1000u + 7u; }
 
     quint32 value(int index) const;
-    void setValue(int index, quint32 value);
     bool isStreaming() const;
-    int readRequests() const { return m_readRequests; }
     int stopFrames() const { return m_stopFrames; }
     void setRetry(int retry) { m_retry = retry; }
-    void setDelay(int delay) { m_delay = delay; }
 
     int readData(char *data, int maxSize) override;
     int receiveData(char *data, int maxSize) override;
@@ -38,7 +35,7 @@ public:
     void getOption(int option, QVariant &value) override;
     void setOption(int option, const QVariant &value) override;
     int getRetry() override { return m_retry; }
-    int getDelay() override { return m_delay; }
+    int getDelay() override { return 0; }
 
 private:
     void handleFrame(const QByteArray &frame);
@@ -52,10 +49,8 @@ private:
     QByteArray m_pendingWrite;
     QByteArray m_pendingRead;
     quint32 m_hCode = 1;
-    std::atomic<int> m_readRequests {0};
     std::atomic<int> m_stopFrames {0};
     std::atomic<int> m_retry {0};
-    std::atomic<int> m_delay {0};
     DeviceSetting m_setting;
 };
 
