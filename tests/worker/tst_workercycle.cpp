@@ -64,10 +64,8 @@ private slots:
     void shortValues();
     void stopLoopReadEndsCycleWithoutDelivery();
     void drainIsBounded();
-    void writeDWord_data();
-    void writeDWord();
-    void writeBit_data();
-    void writeBit();
+    void writes_data();
+    void writes();
 };
 
 // One cycle on scripted chunks. The controller answers every read request the cycle sends with
@@ -294,27 +292,44 @@ void TestWorkerCycle::drainIsBounded()
     QCOMPARE(f.port.discardCalls(), 101);
 }
 
-void TestWorkerCycle::writeDWord_data()
+// Writes of double words 1, 2, 3 (bit -1) or of one bit: one frame per value, each right after
+// a discard of the input; a short port write or a refusal raises the matching error signal.
+void TestWorkerCycle::writes_data()
 {
     QTest::addColumn<QString>("address");
     QTest::addColumn<int>("length");
+    QTest::addColumn<int>("bit");
     QTest::addColumn<int>("writeResult");
-    QTest::addColumn<QStringList>("addressLines");
+    QTest::addColumn<QList<QByteArray>>("frames");
     QTest::addColumn<int>("errors");
-    const QStringList three {"N00100", "N00101", "N00102"};
-    QTest::newRow("DW100 x3") << "DW100" << 3 << -1 << three << 0;
-    QTest::newRow("short writes") << "DW100" << 3 << 5 << three << 3;
-    QTest::newRow("beyond 99999") << "DW99999" << 2 << -1 << QStringList() << 1;
-    QTest::newRow("nothing") << "DW1" << 0 << -1 << QStringList() << 0;
+    const auto dw = [](const char *n, quint32 v) {
+        return QByteArray("\x12%\rO9012\r") + n + "\rd" + valueChars(v) + "\r%\x14";
+    };
+    const QList<QByteArray> three {dw("N00100", 1), dw("N00101", 2), dw("N00102", 3)};
+    const QList<QByteArray> set {"\x12%\rO9013\rN00012\rd07\r%\x14"};
+    QTest::newRow("DW100 x3") << "DW100" << 3 << -1 << -1 << three << 0;
+    QTest::newRow("short dword writes") << "DW100" << 3 << -1 << 5 << three << 3;
+    QTest::newRow("beyond 99999") << "DW99999" << 2 << -1 << -1 << QList<QByteArray>() << 1;
+    QTest::newRow("no double words") << "DW1" << 0 << -1 << -1 << QList<QByteArray>() << 0;
+    QTest::newRow("set B12.7") << "B12.7" << 0 << 1 << -1 << set << 0;
+    QTest::newRow("clear B1.99") << "B1.99" << 0 << 0 << -1
+                                 << QList<QByteArray> {"\x12%\rO9014\rN00001\rd99\r%\x14"} << 0;
+    QTest::newRow("B12.x is bit 0")
+        << "B12.x" << 0 << 1 << -1 << QList<QByteArray> {"\x12%\rO9013\rN00012\rd00\r%\x14"} << 0;
+    QTest::newRow("short bit write") << "B12.7" << 0 << 1 << 21 << set << 1;
+    QTest::newRow("bit of a DW address") << "DW12.7" << 0 << 1 << -1 << QList<QByteArray>() << 0;
+    QTest::newRow("bit 100 refused") << "B12.100" << 0 << 1 << -1 << QList<QByteArray>() << 1;
+    QTest::newRow("address 100000 refused")
+        << "B100000.1" << 0 << 1 << -1 << QList<QByteArray>() << 1;
 }
 
-// One frame per value, each after a discard of the input.
-void TestWorkerCycle::writeDWord()
+void TestWorkerCycle::writes()
 {
     QFETCH(QString, address);
     QFETCH(int, length);
+    QFETCH(int, bit);
     QFETCH(int, writeResult);
-    QFETCH(QStringList, addressLines);
+    QFETCH(QList<QByteArray>, frames);
     QFETCH(int, errors);
     Fixture f;
     f.port.setWriteResult(writeResult);
@@ -322,63 +337,22 @@ void TestWorkerCycle::writeDWord()
     f.port.setResponder([&discardsBeforeWrite](ScriptedPort &p, const QByteArray &) {
         discardsBeforeWrite << p.discardCalls();
     });
-    QSignalSpy spy(&f.worker, &DriverHushCNCReaderWriter::setWriteDWordError);
-    if (addressLines.isEmpty() && length > 0)
-        QTest::ignoreMessage(QtDebugMsg, QRegularExpression("double-word write refused"));
-
-    f.worker.writeDWord(address, length, block({1, 2, 3}));
-
-    const QList<QByteArray> writes = f.port.writes();
-    QCOMPARE(writes.size(), addressLines.size());
-    for (int i = 0; i < writes.size(); ++i) {
-        const QList<QByteArray> lines = writes.at(i).split('\r');
-        QCOMPARE(lines.value(1), QByteArray("O9012"));
-        QCOMPARE(QString::fromLatin1(lines.value(2)), addressLines.at(i));
-        QCOMPARE(lines.value(3), "d" + valueChars(quint32(i + 1)));
-        QCOMPARE(discardsBeforeWrite.at(i), i + 1);
-    }
-    QCOMPARE(spy.count(), errors);
-}
-
-void TestWorkerCycle::writeBit_data()
-{
-    QTest::addColumn<QString>("address");
-    QTest::addColumn<bool>("value");
-    QTest::addColumn<int>("writeResult");
-    QTest::addColumn<QByteArray>("frame");
-    QTest::addColumn<int>("errors");
-    const QByteArray set("\x12%\rO9013\rN00012\rd07\r%\x14");
-    QTest::newRow("set B12.7") << "B12.7" << true << -1 << set << 0;
-    QTest::newRow("clear B12.7") << "B12.7" << false << -1
-                                 << QByteArray("\x12%\rO9014\rN00012\rd07\r%\x14") << 0;
-    QTest::newRow("short write") << "B12.7" << true << 21 << set << 1;
-    QTest::newRow("not a B address") << "DW12.7" << true << -1 << QByteArray() << 0;
-    QTest::newRow("B12.x is bit 0")
-        << "B12.x" << true << -1 << QByteArray("\x12%\rO9013\rN00012\rd00\r%\x14") << 0;
-    QTest::newRow("clear B1.99") << "B1.99" << false << -1
-                                 << QByteArray("\x12%\rO9014\rN00001\rd99\r%\x14") << 0;
-    QTest::newRow("bit 100 refused") << "B12.100" << true << -1 << QByteArray() << 1;
-    QTest::newRow("address 100000 refused") << "B100000.1" << true << -1 << QByteArray() << 1;
-}
-
-void TestWorkerCycle::writeBit()
-{
-    QFETCH(QString, address);
-    QFETCH(bool, value);
-    QFETCH(int, writeResult);
-    QFETCH(QByteArray, frame);
-    QFETCH(int, errors);
-    Fixture f;
-    f.port.setWriteResult(writeResult);
-    QSignalSpy spy(&f.worker, &DriverHushCNCReaderWriter::setWriteBitError);
-    if (frame.isEmpty() && errors > 0)
+    QSignalSpy dwordErrors(&f.worker, &DriverHushCNCReaderWriter::setWriteDWordError);
+    QSignalSpy bitErrors(&f.worker, &DriverHushCNCReaderWriter::setWriteBitError);
+    if (frames.isEmpty() && errors > 0)
         QTest::ignoreMessage(QtDebugMsg, QRegularExpression("write refused"));
 
-    f.worker.writeBit(address, value);
+    if (bit < 0)
+        f.worker.writeDWord(address, length, block({1, 2, 3}));
+    else
+        f.worker.writeBit(address, bit == 1);
 
-    QCOMPARE(f.port.written(), frame);
-    QCOMPARE(f.port.discardCalls(), frame.isEmpty() ? 0 : 1);
-    QCOMPARE(spy.count(), errors);
+    QCOMPARE(f.port.writes(), frames);
+    QCOMPARE(f.port.discardCalls(), frames.size());
+    for (int i = 0; i < discardsBeforeWrite.size(); ++i)
+        QCOMPARE(discardsBeforeWrite.at(i), i + 1);
+    QCOMPARE(dwordErrors.count(), bit < 0 ? errors : 0);
+    QCOMPARE(bitErrors.count(), bit < 0 ? 0 : errors);
 }
 
 QTEST_GUILESS_MAIN(TestWorkerCycle)
