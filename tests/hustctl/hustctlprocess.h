@@ -14,9 +14,11 @@ struct Run
 };
 
 // Runs hustctl to its end; every run is bounded.
-inline Run hustctl(const QStringList &args, int timeoutMs = 30000)
+inline Run hustctl(const QStringList &args, int timeoutMs = 30000,
+                   const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment())
 {
     QProcess process;
+    process.setProcessEnvironment(env);
     process.start(QStringLiteral(HUSTCTL_PATH), args);
     Run run;
     if (!process.waitForFinished(timeoutMs)) {

@@ -82,10 +82,6 @@ private slots:
             << QStringList {"write", "DW1", "5", "-t", "word"} << 2 << "words cannot be written";
         QTest::newRow("write without value")
             << QStringList {"write", "DW1"} << 2 << "at least one value";
-        QStringList screen {"watch"};
-        for (int i = 0; i < 100; ++i)
-            screen << QStringLiteral("DW%1").arg(i);
-        QTest::newRow("watch overflow") << screen << 2 << "100 double words";
         QTest::newRow("watch type missing")
             << QStringList {"watch", "DW1:"} << 2 << "no type after the colon";
         QTest::newRow("simulator seed with a port")
@@ -224,6 +220,35 @@ private slots:
     }
 
     // Without a terminal the refreshes are plain lines, one per refresh.
+    // A screen beyond one read request: the driver reads nothing and reports the count, on a
+    // panel through its notice.
+    void watchOverflow_data()
+    {
+        QTest::addColumn<bool>("display");
+        QTest::addColumn<QString>("where");
+        QTest::newRow("no display") << false << "no display for the driver's notice";
+        QTest::newRow("offscreen panel") << true << "the driver's notice was shown";
+    }
+
+    void watchOverflow()
+    {
+        QFETCH(bool, display);
+        QFETCH(QString, where);
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        for (const char *name : {"QT_QPA_PLATFORM", "DISPLAY", "WAYLAND_DISPLAY"})
+            env.remove(QLatin1String(name));
+        if (display)
+            env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+        QStringList screen {"watch"};
+        for (int i = 0; i < 100; ++i)
+            screen << QStringLiteral("DW%1").arg(i);
+        const Run run = hustctl(onSimulator(screen), 30000, env);
+        QVERIFY2(run.status == 1, qPrintable(describe(run)));
+        QVERIFY2(run.err.contains("needs 100 double words") && run.err.contains(where.toUtf8()),
+                 qPrintable(describe(run)));
+        QVERIFY(run.out.isEmpty());
+    }
+
     void watchPlain()
     {
         if (!m_haveSimulator)

@@ -34,6 +34,9 @@ public:
 
     // Whether run() talks to the controller (opens the link and starts the driver's worker).
     virtual bool needsLink() const { return true; }
+    // Whether run() may put the driver's notices on a panel (hustctl then runs as a widget
+    // application when a display is available).
+    virtual bool mayShowNotices() const { return false; }
     // May add simulator seeds to the link options. False with a one-line reason on a usage error.
     virtual bool prepare(CtlOptions &options, QString *reason) = 0;
     virtual int run(CommandEnv &env) = 0;

@@ -46,12 +46,17 @@ class WatchCommand : public Command
 public:
     static constexpr int kDefaultIntervalMs = 500;
 
+    bool mayShowNotices() const override { return m_doubleWords > kMaxDoubleWordsPerRequest; }
     bool prepare(CtlOptions &options, QString *reason) override;
     int run(CommandEnv &env) override;
 
 private:
+    // A screen beyond one request: the driver refuses its reads and reports the count.
+    int reportOverflow(CommandEnv &env);
+
     QStringList m_keys;
     QList<Target> m_targets;
+    int m_doubleWords = 0;
 };
 
 // A screen of registers and bits on the built-in simulator, written to and read again.

@@ -3,10 +3,12 @@
 #include "driverplugin.h"
 #include "link.h"
 #include "options.h"
+#include "overflowwatch.h"
+#include "screencontroller.h"
 
 #include "driverinterface.h"
 
-#include <QCoreApplication>
+#include <QApplication>
 #include <QLoggingCategory>
 #include <QTextStream>
 
@@ -24,17 +26,15 @@ int usage(QTextStream &err, const QString &reason)
 
 int main(int argc, char *argv[])
 {
-    QCoreApplication app(argc, argv);
-    // hustctl reports failures itself in one line; the libraries' diagnostics stay available
-    // through QT_LOGGING_RULES.
-    QLoggingCategory::setFilterRules(
-        QStringLiteral("hust.*.debug=false\nhust.*.info=false\nhust.host.warning=false"));
     QTextStream out(stdout);
     QTextStream err(stderr);
 
+    QStringList args;
+    for (int i = 1; i < argc; ++i)
+        args << QString::fromLocal8Bit(argv[i]);
     CtlOptions options;
     QString reason;
-    if (!parseOptions(app.arguments().mid(1), &options, &reason))
+    if (!parseOptions(args, &options, &reason))
         return usage(err, reason);
     if (options.help) {
         out << usageText();
@@ -44,9 +44,25 @@ int main(int argc, char *argv[])
     if (!command->prepare(options, &reason))
         return usage(err, reason);
 
+    // A command that may put the driver's notices on a panel runs as a widget application with
+    // a screen controller, as the run-time does, when there is a display to show them on.
+    std::unique_ptr<QCoreApplication> app;
+    std::unique_ptr<ScreenController> screen;
+    if (command->mayShowNotices() && panelAvailable()) {
+        app.reset(new QApplication(argc, argv));
+        screen.reset(new ScreenController);
+        screen->publish(app.get());
+    } else {
+        app.reset(new QCoreApplication(argc, argv));
+    }
+    // hustctl reports failures itself in one line; the libraries' diagnostics stay available
+    // through QT_LOGGING_RULES.
+    QLoggingCategory::setFilterRules(
+        QStringLiteral("hust.*.debug=false\nhust.*.info=false\nhust.host.warning=false"));
+
     // The driver decides when it is created whether it runs a link worker.
     if (command->needsLink())
-        app.setProperty("zel_env", true);
+        app->setProperty("zel_env", true);
 
     Link link; // declared first, so that the driver is gone before its port
     DriverPlugin plugin;
@@ -68,7 +84,7 @@ int main(int argc, char *argv[])
 
     // Leave the screen as the run-time does when it shuts down: the driver stops its loop
     // reading (and tells the controller) without waiting for another screen.
-    app.setProperty("isExit", true);
+    app->setProperty("isExit", true);
     host.closeSession();
     return status;
 }

@@ -2,9 +2,15 @@
 
 #include "driverhost.h"
 #include "output.h"
+#include "overflowwatch.h"
+#include "screencontroller.h"
 #include "targetreader.h"
 
+#include "driverinterface.h"
+
 #include <QElapsedTimer>
+#include <QGuiApplication>
+#include <QTimer>
 
 #include <atomic>
 #include <csignal>
@@ -12,6 +18,9 @@
 #include <unistd.h>
 
 namespace {
+
+// How long a notice stays on a platform without a screen before hustctl ends it.
+constexpr int kUnattendedNoticeMs = 500;
 
 std::atomic<bool> interrupted {false};
 static_assert(std::atomic<bool>::is_always_lock_free, "the flag is set from a signal handler");
@@ -57,21 +66,55 @@ bool WatchCommand::prepare(CtlOptions &options, QString *reason)
         m_keys << argument;
         m_targets << target;
     }
-    const int words = screenDoubleWords(m_targets);
-    if (words > kMaxDoubleWordsPerRequest) {
-        *reason = QStringLiteral("the watched addresses need %1 double words, more than the %2 of "
-                                 "one request")
-                      .arg(words)
-                      .arg(kMaxDoubleWordsPerRequest);
-        return false;
-    }
+    m_doubleWords = screenDoubleWords(m_targets);
     return true;
+}
+
+int WatchCommand::reportOverflow(CommandEnv &env)
+{
+    // The driver's notice runs its own wait in this thread until the operator closes it. A
+    // platform without a screen (offscreen, minimal) has nobody to close it: there hustctl ends
+    // the wait after a moment, as the run-time does when it shuts down.
+    const auto *screen = qobject_cast<ScreenController *>(reinterpret_cast<QObject *>(
+        QCoreApplication::instance()->property("ScreenController").toULongLong()));
+    const QString platform = QGuiApplication::platformName();
+    if (screen
+        && (platform == QLatin1String("offscreen") || platform == QLatin1String("minimal"))) {
+        QTimer::singleShot(kUnattendedNoticeMs,
+                           [] { QCoreApplication::instance()->setProperty("isExit", true); });
+    }
+
+    const OverflowWatch overflow(env.driver->getThisObject());
+    env.host->setSession(sessionCommands(m_targets));
+    QElapsedTimer clock;
+    clock.start();
+    while (overflow.count() == 0 && clock.elapsed() < env.options.timeoutMs) {
+        env.host->readOnce(m_targets.first().readRequests().first().command);
+        DriverHost::pause(DriverHost::kPollIntervalMs);
+    }
+    if (overflow.count() == 0)
+        return fail(env.err, QStringLiteral("the driver did not report the overflow"));
+    QString where = QStringLiteral("no display for the driver's notice");
+    if (screen) {
+        while (screen->addedCount() == 0 && clock.elapsed() < env.options.timeoutMs)
+            DriverHost::pause(DriverHost::kPollIntervalMs);
+        where = screen->addedCount() > 0 ? QStringLiteral("the driver's notice was shown")
+                                         : QStringLiteral("the driver's notice did not appear");
+    }
+    return fail(env.err,
+                QStringLiteral("overflow: the screen needs %1 double words, one read "
+                               "request carries at most %2 (%3)")
+                    .arg(overflow.count())
+                    .arg(kMaxDoubleWordsPerRequest)
+                    .arg(where));
 }
 
 int WatchCommand::run(CommandEnv &env)
 {
     const CtlOptions &o = env.options;
     const int interval = o.intervalMs > 0 ? o.intervalMs : kDefaultIntervalMs;
+    if (m_doubleWords > kMaxDoubleWordsPerRequest)
+        return reportOverflow(env);
     const bool inPlace = !o.json && isatty(STDOUT_FILENO);
     QElapsedTimer clock;
     clock.start();
