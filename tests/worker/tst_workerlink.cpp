@@ -154,31 +154,36 @@ void TestWorkerLink::writesReachMemory()
 void TestWorkerLink::faultRecovery_data()
 {
     QTest::addColumn<hustsim::FaultSettings>("faults");
+    QTest::addColumn<int>("cablePullMs");
     QTest::addColumn<bool>("splicesPossible");
     hustsim::FaultSettings f;
     f.garbageProbability = 0.3;
-    QTest::newRow("random bytes") << f << false;
+    QTest::newRow("random bytes") << f << 0 << false;
     f = hustsim::FaultSettings();
     f.hCodeRepeat = 3;
-    QTest::newRow("repeated H codes") << f << false;
+    QTest::newRow("repeated H codes") << f << 0 << false;
     f = hustsim::FaultSettings();
     f.shortValueProbability = 0.2;
     // Short values make frames shorter than the expected response size, so the forward search
     // can splice frames of different lengths just as with cut frames.
-    QTest::newRow("short values") << f << true;
+    QTest::newRow("short values") << f << 0 << true;
     f = hustsim::FaultSettings();
     f.cutProbability = 0.3;
-    QTest::newRow("cut frames") << f << true;
+    QTest::newRow("cut frames") << f << 0 << true;
     f = hustsim::FaultSettings();
     f.silence = true;
-    QTest::newRow("silence") << f << false;
+    QTest::newRow("silence") << f << 0 << false;
+    QTest::newRow("dropped link") << hustsim::FaultSettings() << 1000 << false;
 }
 
 void TestWorkerLink::faultRecovery()
 {
     QFETCH(hustsim::FaultSettings, faults);
+    QFETCH(int, cablePullMs);
     QFETCH(bool, splicesPossible);
     m_sim->setFaults(faults);
+    if (cablePullMs > 0)
+        m_sim->pullCable(cablePullMs);
     int wrong = 0;
     const int blocks = pump(1500, &wrong);
     m_sim->setFaults(hustsim::FaultSettings());
