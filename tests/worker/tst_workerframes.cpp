@@ -168,7 +168,9 @@ void TestWorkerFrames::forwardSearchOnWholeFrames()
             HustFrames::trimAndRotate(window, size);
             QRegExp bare(pattern, Qt::CaseSensitive, QRegExp::RegExp);
             HustFrames::ResponseMatcher matcher(pattern);
-            QCOMPARE(matcher.searchForward(window), bare.indexIn(QString::fromLatin1(window)));
+            const int expected = bare.indexIn(QString::fromLatin1(window));
+            QVERIFY(expected > 0); // on whole frames the forward search never fails
+            QCOMPARE(matcher.searchForward(window), expected);
         }
     }
 }

@@ -444,8 +444,14 @@ void DriverHushCNCReaderWriter::readFromCNCController(bool isResponse, QByteArra
 
         int position;
         if (!m_cmdJustSent && !lastAttemptFailed) {
-            HustFrames::trimAndRotate(rxBuf, rxBufSize);
-            position = matcher.searchForward(rxBuf);
+            // The rotated window joins two frames; it serves this one match only. When nothing
+            // matches, the bytes stay in the order they arrived, so that later attempts never
+            // search across the join.
+            if (rxBuf.size() > rxBufSize)
+                rxBuf = rxBuf.right(rxBufSize);
+            QByteArray window = rxBuf;
+            HustFrames::trimAndRotate(window, rxBufSize);
+            position = matcher.searchForward(window);
         } else {
             position = matcher.searchBackward(rxBuf);
         }
