@@ -56,12 +56,6 @@ bool RawClient::send(const QByteArray &bytes)
     return done == bytes.size();
 }
 
-void RawClient::discardInput()
-{
-    tcflush(m_fd, TCIFLUSH);
-    m_buffer.clear();
-}
-
 int RawClient::readOnce(int ms)
 {
     pollfd p {m_fd, POLLIN, 0};
@@ -176,7 +170,6 @@ QByteArray readRequest(const QList<int> &indices)
 
 QByteArray hCodeOf(const QByteArray &frame)
 {
-    // DC2 "%" CR "O9000" CR "H": the code starts at offset 10.
     return frame.mid(10, 8);
 }
 

@@ -18,13 +18,9 @@ public:
 
     bool open(const QString &path);
     void close();
-    bool isOpen() const { return m_fd >= 0; }
-    int fd() const { return m_fd; }
 
     // Writes all of `bytes`; false when the line refuses them (errno tells why).
     bool send(const QByteArray &bytes);
-    // Discards what the line holds unread and what was buffered here.
-    void discardInput();
     // Reads whatever arrives within `ms` milliseconds.
     QByteArray readFor(int ms);
     // Reads until no byte has arrived for `quietMs` (at most `timeoutMs` in all); true when quiet.
@@ -34,28 +30,22 @@ public:
     QList<QByteArray> readFrames(int count, int timeoutMs);
     // Reads frames until `accept` returns true for one (returned) or the time runs out (empty).
     QByteArray readFrameUntil(const std::function<bool(const QByteArray &)> &accept, int timeoutMs);
-    // Raw bytes received and not yet taken as frames.
-    QByteArray &buffer() { return m_buffer; }
-    // One read(2) waiting up to `ms`; returns its result and leaves errno set.
-    int readOnce(int ms);
 
 private:
+    // One read(2) waiting up to `ms`; returns its result and leaves errno set.
+    int readOnce(int ms);
     bool takeFrame(QByteArray *frame);
 
     int m_fd = -1;
     QByteArray m_buffer;
 };
 
-// The response frame the controller is expected to send for `values`, with `hCode` in its H
-// record; built from literal pieces so that tests do not depend on the simulator's own codec.
+// Built from literal pieces so that tests do not depend on the simulator's own codec.
 QByteArray expectedResponse(const QByteArray &hCode, const QList<quint32> &values);
-// A read request for the double words `indices`.
 QByteArray readRequest(const QList<int> &indices);
 // The eight value characters of `value` ("0".."9", ":".."?").
 QByteArray valueText(quint32 value);
-// The H record's eight characters of a response frame.
 QByteArray hCodeOf(const QByteArray &frame);
-// The d records' value texts of a response frame.
 QList<QByteArray> valueTextsOf(const QByteArray &frame);
 
 #endif // RAWCLIENT_H

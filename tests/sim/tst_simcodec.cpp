@@ -25,16 +25,9 @@ class TestSimCodec : public QObject
     Q_OBJECT
 
 private slots:
-    void chunkingDoesNotMatter_data()
-    {
-        QTest::addColumn<quint32>("seed");
-        for (quint32 seed : {1u, 2u, 3u, 4u})
-            QTest::newRow(qPrintable(QStringLiteral("seed %1").arg(seed))) << seed;
-    }
     void chunkingDoesNotMatter()
     {
-        QFETCH(quint32, seed);
-        QRandomGenerator random(seed);
+        QRandomGenerator random(20240611);
         const QList<QByteArray> pieces {QByteArray("\x12%\rO9000\rN0\rv01\rd00010\r%\x14"),
                                         QByteArray("\x12%\rO9000\rN1\r%\x14"),
                                         QByteArray("\x12%\rO9012\rN10768\rD000003>9\r%\x14"),
@@ -43,9 +36,13 @@ private slots:
                                         QByteArray("%\x14"),
                                         QByteArray("\x12"),
                                         QByteArray("garbage\r")};
+        // Valid envelopes and loose markers mixed with random bytes.
         QByteArray input;
-        for (int i = 0; i < 400; ++i)
+        for (int i = 0; i < 400; ++i) {
             input += pieces.at(int(random.bounded(pieces.size())));
+            for (int k = int(random.bounded(8)); k > 0; --k)
+                input += char(random.generate());
+        }
 
         const QList<Request> whole = parseInChunks(input, input.size());
         QVERIFY(!whole.isEmpty());
