@@ -106,39 +106,37 @@ bool RawClient::takeFrame(QByteArray *frame)
     return true;
 }
 
-QList<QByteArray> RawClient::readFrames(int count, int timeoutMs)
-{
-    QList<QByteArray> frames;
-    QElapsedTimer timer;
-    timer.start();
-    QByteArray frame;
-    while (frames.size() < count) {
-        if (takeFrame(&frame)) {
-            frames.append(frame);
-            continue;
-        }
-        if (timer.elapsed() >= timeoutMs)
-            break;
-        readOnce(20);
-    }
-    return frames;
-}
-
 QByteArray RawClient::readFrameUntil(const std::function<bool(const QByteArray &)> &accept,
                                      int timeoutMs)
 {
     QElapsedTimer timer;
     timer.start();
     QByteArray frame;
-    while (timer.elapsed() < timeoutMs) {
+    for (;;) {
         if (takeFrame(&frame)) {
             if (accept(frame))
                 return frame;
-            continue;
+        } else if (timer.elapsed() >= timeoutMs) {
+            return QByteArray();
+        } else {
+            readOnce(20);
         }
-        readOnce(20);
     }
-    return QByteArray();
+}
+
+QList<QByteArray> RawClient::readFrames(int count, int timeoutMs)
+{
+    QElapsedTimer timer;
+    timer.start();
+    QList<QByteArray> frames;
+    while (frames.size() < count) {
+        const QByteArray frame = readFrameUntil([](const QByteArray &) { return true; },
+                                                int(qMax<qint64>(0, timeoutMs - timer.elapsed())));
+        if (frame.isEmpty())
+            break;
+        frames.append(frame);
+    }
+    return frames;
 }
 
 QByteArray valueText(quint32 value)

@@ -84,14 +84,10 @@ private slots:
         QTest::newRow("speed zero") << QStringList {"--speed", "0"};
         QTest::newRow("speed and no pace") << QStringList {"--speed", "2", "--no-pace"};
         QTest::newRow("nine data bits") << QStringList {"--databits", "9"};
-        QTest::newRow("parity mark") << QStringList {"--parity", "mark"};
         QTest::newRow("register beyond memory") << QStringList {"--set", "100000=1"};
-        QTest::newRow("value beyond 32 bits") << QStringList {"--set", "5=0x100000000"};
         QTest::newRow("probability above 1") << QStringList {"--cut", "1.5"};
         QTest::newRow("missing value") << QStringList {"--baud"};
-        QTest::newRow("device and link") << QStringList {"--device", "/dev/null", "--link", "x"};
         QTest::newRow("no such program") << QStringList {"--current", "nothing"};
-        QTest::newRow("missing register file") << QStringList {"--registers", "/nonexistent.json"};
     }
     void usageErrors()
     {
