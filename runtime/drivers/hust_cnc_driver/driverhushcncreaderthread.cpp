@@ -410,28 +410,24 @@ void DriverHushCNCReaderWriter::readFromCNCController(bool isResponse, QByteArra
         if (m_isStopLoopRead && !isResponse)
             return;
         std::memset(m_rxChunk, 0, sizeof(m_rxChunk));
-        if (tmpSize > MaxReadSize) {
-            const int got = readChunk(MaxReadSize);
-            if (got == 0) {
-                const EmptyRead rule = countEmptyRead();
-                if (rule == EmptyRead::GiveUp)
-                    return;
-                if (rule == EmptyRead::Restarted)
-                    continue;
-            }
-            rxBuf.append(m_rxChunk, int(qstrnlen(m_rxChunk, MaxReadSize)));
-            tmpSize -= got;
-            continue;
-        }
-        tmpSize = std::max(tmpSize, 30);
-        const int got = readChunk(tmpSize);
-        rxBuf.append(m_rxChunk, int(qstrnlen(m_rxChunk, uint(tmpSize))));
+        // While more than one read's worth is still expected, bytes are only collected; after
+        // that every read is followed by a match attempt.
+        const bool collecting = tmpSize > MaxReadSize;
+        if (!collecting)
+            tmpSize = std::max(tmpSize, 30);
+        const int asked = collecting ? MaxReadSize : tmpSize;
+        const int got = readChunk(asked);
         if (got == 0) {
             const EmptyRead rule = countEmptyRead();
             if (rule == EmptyRead::GiveUp)
                 return;
             if (rule == EmptyRead::Restarted)
                 continue;
+        }
+        rxBuf.append(m_rxChunk, int(qstrnlen(m_rxChunk, uint(asked))));
+        if (collecting) {
+            tmpSize -= got;
+            continue;
         }
 
         if (m_cmdJustSent) {
