@@ -440,14 +440,12 @@ void DriverHushCNCReaderWriter::readFromCNCController(bool isResponse, QByteArra
 
         int position;
         if (!m_cmdJustSent && !lastAttemptFailed) {
-            // The rotated window joins two frames; it serves this one match only. When nothing
-            // matches, the bytes stay in the order they arrived, so that later attempts never
-            // search across the join.
+            // The forward search turns a copy of the window; when nothing matches, the bytes
+            // stay in the order they arrived, so that later attempts never search across the
+            // join of two frames.
             if (rxBuf.size() > rxBufSize)
                 rxBuf = rxBuf.right(rxBufSize);
-            QByteArray window = rxBuf;
-            HustFrames::trimAndRotate(window, rxBufSize);
-            position = matcher.searchForward(window);
+            position = matcher.searchForward(rxBuf, rxBufSize);
         } else {
             position = matcher.searchBackward(rxBuf);
         }

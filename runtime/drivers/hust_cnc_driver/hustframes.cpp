@@ -105,21 +105,32 @@ ResponseMatcher::ResponseMatcher(const QString &pattern)
     : m_regExp(pattern, Qt::CaseSensitive, QRegExp::RegExp)
 { }
 
-// In a stream of whole frames every frame is exactly one response long, so after trimAndRotate()
-// the records of a match are always followed by a frame's end ("%" DC4): either the newest
-// frame's own, or, when its head was joined to the older frame's tail, the older frame's, which
-// then sits at the same offsets. A match followed by anything else joined frames of different
-// lengths (a frame cut short, values sent short), whose records would land on the wrong
-// addresses; it is refused, and the cycle's next attempt searches backward instead.
-int ResponseMatcher::searchForward(const QByteArray &rxBuf)
+// The window is the last responseSize bytes; when a frame starts inside it, it is rotated to
+// begin there, which joins the newest frame's head to the older frame's tail. Such a join is
+// only as good as the two frames' layouts agree, so a forward match counts only when
+//  - a frame's end ("%" DC4) follows its records: otherwise frames of different lengths (one
+//    cut short, values sent short) were joined and records would land on the wrong addresses;
+//  - the join lies outside its records or right after a record's CR: a join inside a record
+//    would make a value of the newer frame's leading digits and the older frame's trailing
+//    ones, a value the controller never held.
+// A refused match leaves the cycle's next attempt to search backward for a whole frame.
+int ResponseMatcher::searchForward(const QByteArray &received, int responseSize)
 {
-    const int position = m_regExp.indexIn(QString::fromLatin1(rxBuf), 0);
+    QByteArray window = received.right(responseSize);
+    const int p = window.indexOf(DC2);
+    int join = 0;
+    if (p > 0) {
+        join = window.size() - p;
+        window = window.mid(p) + window.left(p);
+    }
+    const int position = m_regExp.indexIn(QString::fromLatin1(window), 0);
     if (position < 0)
         return -1;
     const int end = position + m_regExp.matchedLength();
     const bool endsFrame
-        = end + 1 < rxBuf.size() && rxBuf.at(end) == '%' && rxBuf.at(end + 1) == DC4;
-    return endsFrame ? position : -1;
+        = end + 1 < window.size() && window.at(end) == '%' && window.at(end + 1) == DC4;
+    const bool joinInsideRecord = join > position && join < end && window.at(join - 1) != CR;
+    return endsFrame && !joinInsideRecord ? position : -1;
 }
 
 int ResponseMatcher::searchBackward(const QByteArray &rxBuf)
@@ -142,15 +153,6 @@ QStringList ResponseMatcher::valueTexts() const
     for (int i = 0; i < 6; ++i)
         records.replace(QLatin1Char(valueChars[i]), QLatin1Char(char('A' + i)));
     return records.split(QLatin1Char('d'), Qt::SkipEmptyParts);
-}
-
-void trimAndRotate(QByteArray &rxBuf, int rxBufSize)
-{
-    if (rxBuf.size() > rxBufSize)
-        rxBuf = rxBuf.right(rxBufSize);
-    const int p = rxBuf.indexOf(DC2);
-    if (p > 0)
-        rxBuf = rxBuf.mid(p) + rxBuf.left(p);
 }
 
 } // namespace HustFrames

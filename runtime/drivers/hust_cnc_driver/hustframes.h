@@ -51,10 +51,12 @@ class ResponseMatcher
 public:
     explicit ResponseMatcher(const QString &pattern);
 
-    // Searches the bytes as Latin-1 text: from the start, or for the last position where the
-    // pattern matches. Returns the match position or -1. A forward match counts only when a
-    // frame's end ("%" DC4) follows its records.
-    int searchForward(const QByteArray &rxBuf);
+    // Searches the received bytes as Latin-1 text. The forward search looks only at the last
+    // responseSize bytes, turned to begin at the newest frame's DC2, and refuses matches that
+    // join two frames unsafely; the backward search looks for the last position where the
+    // pattern matches. Returns the match position (in the turned window for the forward search)
+    // or -1.
+    int searchForward(const QByteArray &received, int responseSize);
     int searchBackward(const QByteArray &rxBuf);
 
     // Of the last successful search: the H record with its CR, and the value texts of the d
@@ -65,10 +67,6 @@ public:
 private:
     QRegExp m_regExp;
 };
-
-// Keeps only the last rxBufSize bytes and, when a frame starts inside them, rotates them so that
-// the buffer begins at that frame: the newest frame's head is joined to the older frame's tail.
-void trimAndRotate(QByteArray &rxBuf, int rxBufSize);
 
 } // namespace HustFrames
 
