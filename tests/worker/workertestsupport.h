@@ -20,23 +20,13 @@ public:
     // Sets the port without the stop frame and drain of setReadInterface().
     void setPort(AbstractDeviceInterface *port) { w.m_readInterface = port; }
     void setAddrList(const QStringList &list) { w.m_addrList = list; }
-    void setCmdJustSent(bool on) { w.m_cmdJustSent = on; }
-    bool cmdJustSent() const { return w.m_cmdJustSent; }
-    void setLastHCode(const QString &h) { w.m_lastHCode = h; }
-    QString lastHCode() const { return w.m_lastHCode; }
-    void setLastFullBlock(const QByteArray &block) { w.m_lastFullBlock = block; }
-    QByteArray lastFullBlock() const { return w.m_lastFullBlock; }
+    bool &cmdJustSent() { return w.m_cmdJustSent; }
+    QString &lastHCode() { return w.m_lastHCode; }
+    QByteArray &lastFullBlock() { return w.m_lastFullBlock; }
 
     QByteArray packReadBytesCmd() { return w.packReadBytesCmd(); }
-    QByteArray packWriteDWordCmd(int addr, DWORD val) { return w.packWriteDWordCmd(addr, val); }
-    int calculateRxBufSize() { return w.calculateRxBufSize(); }
     void sendTxBufForRead(const QByteArray &tx) { w.sendTxBufForRead(tx); }
-    void sendStopSendCommand() { w.sendStopSendCommand(); }
     void checkRxBufAndExit() { w.checkRxBufAndExit(); }
-    void packDWordList(const QByteArray &data, QVector<DWORD> &dwords, int length)
-    {
-        w.packDWordList(data, dwords, length);
-    }
     void readFromCNCController(bool isResponse, QByteArray *response = nullptr)
     {
         w.readFromCNCController(isResponse, response);
