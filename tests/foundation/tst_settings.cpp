@@ -1,20 +1,10 @@
 #include "drv_dev_setting.h"
 
-#include <QBuffer>
 #include <QtTest>
 
 namespace {
 
-QByteArray streamed(const DeviceSetting &s)
-{
-    QByteArray bytes;
-    QDataStream out(&bytes, QIODevice::WriteOnly);
-    out.setVersion(QDataStream::Qt_4_8);
-    out << s;
-    return bytes;
-}
-
-QByteArray streamed(const DriverSetting &s)
+template<typename Setting> QByteArray streamed(const Setting &s)
 {
     QByteArray bytes;
     QDataStream out(&bytes, QIODevice::WriteOnly);
@@ -42,12 +32,6 @@ QByteArray qstr(const QString &s)
     return be32(quint32(utf16.size())) + utf16;
 }
 
-QStringList messages;
-void captureMessage(QtMsgType, const QMessageLogContext &, const QString &text)
-{
-    messages << text;
-}
-
 void readInto(const QByteArray &bytes, DeviceSetting &s)
 {
     QDataStream in(bytes);
@@ -62,32 +46,23 @@ class TestSettings : public QObject
     Q_OBJECT
 
 private slots:
-    void deviceSettingGolden()
+    void deviceSetting()
     {
-        DeviceSetting s(DEVICE_SERIAL, QStringLiteral("COM1"), 38400, 7, 2, 2, 5, QStringLiteral("x"));
-        s.setSocketData({{QStringLiteral("10.0.0.1"), QStringLiteral("502")}});
-        const QByteArray expected = be32(16) + qstr(QStringLiteral("COM1")) + be32(38400) + be32(7)
-                                    + be32(2) + be32(2) + be32(5) + be32(quint32(-1)) + be32(0)
-                                    + be32(1) + qstr(QStringLiteral("10.0.0.1")) + be16(502);
-        QCOMPARE(streamed(s), expected);
-    }
-
-    void deviceSettingRoundTrip()
-    {
-        DeviceSetting s(DEVICE_SERIAL, QStringLiteral("/dev/ttyS1"), 9600, 8, 1, 0);
-        s.linkID = 4;
-        s.setSocketData({{QStringLiteral("a"), QStringLiteral("1")}, {QStringLiteral("b"), QStringLiteral("2")}});
+        DeviceSetting s(DEVICE_SERIAL, QStringLiteral("COM1"), 38400, 7, 2, 2, 5,
+                        QStringLiteral("x"));
+        s.setSocketData({{QStringLiteral("10.0.0.1"), QStringLiteral("502")},
+                         {QStringLiteral("b"), QStringLiteral("2")}});
         s.setCurrentIPIndex(1);
+        const QByteArray expected = be32(16) + qstr(QStringLiteral("COM1")) + be32(38400) + be32(7)
+            + be32(2) + be32(2) + be32(5) + be32(quint32(-1)) + be32(1) + be32(2)
+            + qstr(QStringLiteral("10.0.0.1")) + be16(502) + qstr(QStringLiteral("b")) + be16(2);
+        QCOMPARE(streamed(s), expected);
 
         DeviceSetting r(DEVICE_NONE, QString(), 0, 0, 0, 0);
-        readInto(streamed(s), r); // index checked against the old, empty list: stays 0
+        readInto(expected, r); // index checked against the old, empty list: stays 0
         QCOMPARE(r.currentIPIndex, 0);
-        readInto(streamed(s), r); // now the list has two entries
-        QCOMPARE(r.currentIPIndex, 1);
-        QCOMPARE(streamed(r), streamed(s));
-        QCOMPARE(r.string, s.string);
-        QCOMPARE(r.socketIP(-1), QStringLiteral("b"));
-        QCOMPARE(r.port(-1), quint16(2));
+        readInto(expected, r); // now the list has two entries
+        QCOMPARE(streamed(r), expected);
     }
 
     void damagedStreams_data()
@@ -95,12 +70,13 @@ private slots:
         QTest::addColumn<QByteArray>("bytes");
         QTest::addColumn<int>("sockets");
         const QByteArray head = be32(16) + qstr(QStringLiteral("COM1")) + be32(38400) + be32(7)
-                                + be32(2) + be32(2) + be32(0) + be32(quint32(-1)) + be32(0);
-        QTest::newRow("empty") << QByteArray() << 0;
+            + be32(2) + be32(2) + be32(0) + be32(quint32(-1)) + be32(0);
         QTest::newRow("cut in the name") << head.left(7) << 0;
         QTest::newRow("no socket count") << head << 0;
-        QTest::newRow("huge count, one entry") << head + be32(0xFFFFFFFFu) + qstr("h") + be16(7) << 1;
-        QTest::newRow("huge count, cut entry") << head + be32(0xFFFFFFFFu) + qstr("h") + be16(7) + be32(100) << 1;
+        QTest::newRow("huge count, one entry")
+            << head + be32(0xFFFFFFFFu) + qstr("h") + be16(7) << 1;
+        QTest::newRow("huge count, cut entry")
+            << head + be32(0xFFFFFFFFu) + qstr("h") + be16(7) + be32(100) << 1;
         QTest::newRow("huge string length") << be32(16) + be32(0x7FFFFFF0u) + "abc" << 0;
     }
 
@@ -113,36 +89,15 @@ private slots:
         QCOMPARE(s.sockets.size(), sockets);
     }
 
-    void socketAccessors()
+    // Indices outside the list read as nothing and change nothing; a port that is no number is 0.
+    void socketIndices()
     {
         DeviceSetting s(DEVICE_SERIAL, QStringLiteral("COM1"), 38400, 7, 2, 2);
         QCOMPARE(s.socketIP(-1), QString());
-        QCOMPARE(s.port(-1), quint16(0));
-        s.setSocketData({{QStringLiteral("a"), QStringLiteral("65535")}, {QStringLiteral("b"), QStringLiteral("http")}});
-        QCOMPARE(s.port(0), quint16(65535));
-        QCOMPARE(s.port(1), quint16(0));
-        s.setSocketIP(QStringLiteral("z"), 5);
-        s.setPort(9, 2);
-        s.setCurrentIPIndex(2);
-        QCOMPARE(s.socketIP(0), QStringLiteral("a"));
-        QCOMPARE(s.socketIP(1), QStringLiteral("b"));
-        QCOMPARE(s.currentIPIndex, 0);
-        s.setPort(9, -1);
-        QCOMPARE(s.port(0), quint16(9));
-    }
-
-    void dumpText()
-    {
-        messages.clear();
-        QLoggingCategory::setFilterRules(QStringLiteral("hust.support.debug=true"));
-        const QtMessageHandler previous = qInstallMessageHandler(captureMessage);
-        DeviceSetting(DEVICE_SERIAL, QStringLiteral("COM1"), 38400, 7, 2, 2).dump();
-        DriverSetting(1, 2, 3, 4).dump();
-        qInstallMessageHandler(previous);
-        QCOMPARE(messages,
-                 QStringList({QStringLiteral("type: 16 string: \"COM1\" baudrate: 38400 databits: 7 "
-                                             "stopbits: 2 parity: 2 linkID: -1 current ip: \"\" current port: 0"),
-                              QStringLiteral("timeout: 1 retry: 2 stationid: 3 delay: 4")}));
+        s.setSocketData({{QStringLiteral("a"), QStringLiteral("http")}});
+        s.setSocketIP(QStringLiteral("z"), 1);
+        QCOMPARE(s.socketIP(-1), QStringLiteral("a"));
+        QCOMPARE(s.port(0), quint16(0));
     }
 
     void driverSetting()
@@ -151,12 +106,6 @@ private slots:
         const DriverSetting six(100, 3, 7, 20, QStringLiteral("10.1.1.1"), 502);
         QCOMPARE(streamed(six), streamed(four));
         QCOMPARE(streamed(four), be32(100) + be32(3) + be32(7) + be32(20));
-
-        DriverSetting target(0, 0, 0, 0, QString(), 0, QString(), false);
-        target.copy(DriverSetting(1, 2, 3, 4, QString(), 0, QStringLiteral("t"), true));
-        QCOMPARE(target.extraFlag, false);
-        QCOMPARE(target.extraText, QStringLiteral("t"));
-        QCOMPARE(streamed(target), be32(1) + be32(2) + be32(3) + be32(4));
 
         DriverSetting r(9, 9, 9, 9);
         QDataStream in(be32(5) + be32(6));
