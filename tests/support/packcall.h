@@ -22,6 +22,20 @@ struct PackArg
     static PackArg bytes(const void *p) { return {Bytes, 0, p}; }
     static PackArg words(const void *p) { return {Words, 0, p}; }
     static PackArg dwords(const void *p) { return {DWords, 0, p}; }
+
+    template<typename G> auto visit(G g) const
+    {
+        switch (kind) {
+        case Bytes:
+            return g(static_cast<const unsigned char *>(ptr));
+        case Words:
+            return g(static_cast<const unsigned short *>(ptr));
+        case DWords:
+            return g(static_cast<const unsigned int *>(ptr));
+        default:
+            return g(value);
+        }
+    }
 };
 Q_DECLARE_METATYPE(PackArg)
 Q_DECLARE_METATYPE(std::vector<PackArg>)
@@ -31,6 +45,15 @@ struct UnpackArg
 {
     int width = 1;
     void *ptr = nullptr;
+
+    template<typename G> auto visit(G g) const
+    {
+        if (width == 2)
+            return g(static_cast<unsigned short *>(ptr));
+        if (width == 4)
+            return g(static_cast<unsigned int *>(ptr));
+        return g(static_cast<unsigned char *>(ptr));
+    }
 };
 
 namespace packcall {
@@ -38,49 +61,16 @@ namespace packcall {
 constexpr int MaxPackArgs = 4;
 constexpr int MaxUnpackArgs = 5;
 
-template<int Left, typename F, typename... A>
-auto expandPack(F f, const PackArg *args, int n, A... a)
+template<int Left, typename F, typename Arg, typename... A>
+auto expand(F f, const Arg *args, int n, A... a)
 {
     if constexpr (Left == 0) {
         return f(a...);
     } else {
         if (n == 0)
             return f(a...);
-        switch (args->kind) {
-        case PackArg::Bytes:
-            return expandPack<Left - 1>(f, args + 1, n - 1, a...,
-                                        static_cast<const unsigned char *>(args->ptr));
-        case PackArg::Words:
-            return expandPack<Left - 1>(f, args + 1, n - 1, a...,
-                                        static_cast<const unsigned short *>(args->ptr));
-        case PackArg::DWords:
-            return expandPack<Left - 1>(f, args + 1, n - 1, a...,
-                                        static_cast<const unsigned int *>(args->ptr));
-        default:
-            return expandPack<Left - 1>(f, args + 1, n - 1, a..., args->value);
-        }
-    }
-}
-
-template<int Left, typename F, typename... A>
-auto expandUnpack(F f, const UnpackArg *args, int n, A... a)
-{
-    if constexpr (Left == 0) {
-        return f(a...);
-    } else {
-        if (n == 0)
-            return f(a...);
-        switch (args->width) {
-        case 2:
-            return expandUnpack<Left - 1>(f, args + 1, n - 1, a...,
-                                          static_cast<unsigned short *>(args->ptr));
-        case 4:
-            return expandUnpack<Left - 1>(f, args + 1, n - 1, a...,
-                                          static_cast<unsigned int *>(args->ptr));
-        default:
-            return expandUnpack<Left - 1>(f, args + 1, n - 1, a...,
-                                          static_cast<unsigned char *>(args->ptr));
-        }
+        return args->visit(
+            [&](auto next) { return expand<Left - 1>(f, args + 1, n - 1, a..., next); });
     }
 }
 
@@ -89,13 +79,13 @@ auto expandUnpack(F f, const UnpackArg *args, int n, A... a)
 // Each returns the function's result; more arguments than the Max* counts are not passed.
 inline QByteArray callByteArrayPack(const char *format, const std::vector<PackArg> &args)
 {
-    return packcall::expandPack<packcall::MaxPackArgs>(
+    return packcall::expand<packcall::MaxPackArgs>(
         [format](auto... a) { return ByteArrayPack(format, a...); }, args.data(), int(args.size()));
 }
 
 inline int callDataPack(unsigned char *buffer, const char *format, const std::vector<PackArg> &args)
 {
-    return packcall::expandPack<packcall::MaxPackArgs>(
+    return packcall::expand<packcall::MaxPackArgs>(
         [buffer, format](auto... a) { return DataPack(buffer, format, a...); }, args.data(),
         int(args.size()));
 }
@@ -103,7 +93,7 @@ inline int callDataPack(unsigned char *buffer, const char *format, const std::ve
 inline int callDataUnpack(const unsigned char *data, const char *format,
                           const std::vector<UnpackArg> &args)
 {
-    return packcall::expandUnpack<packcall::MaxUnpackArgs>(
+    return packcall::expand<packcall::MaxUnpackArgs>(
         [data, format](auto... a) { return DataUnpack(data, format, a...); }, args.data(),
         int(args.size()));
 }
