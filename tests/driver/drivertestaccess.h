@@ -3,7 +3,6 @@
 
 #include "driverhushcncreaderthread.h"
 #include "hush_cnc.h"
-#include "hustgcodecontroller.h"
 
 #include <QMutexLocker>
 #include <QThread>
@@ -28,11 +27,6 @@ public:
     {
         return d.extractZeroDataFromDWordByteArray(type, length);
     }
-    QByteArray extractDataFromRespBuf(const QString &data, int length)
-    {
-        return d.extractDataFromRespBuf(data, length);
-    }
-    void sendStopSendCommand(AbstractDeviceInterface *port) { d.sendStopSendCommand(port); }
     void setReadTimeOutError() { d.setReadTimeOutError(); }
 
     QStringList list()
@@ -59,25 +53,17 @@ public:
     int triggerIndex() const { return d.m_loopTriggerIndex; }
     bool blockUpdated() const { return d.m_isBlockDataUpdated; }
     int clearErrorCountdown() const { return d.m_clearErrorCountdown; }
-    bool loopReadStoppedForGCode() const { return d.m_isLoopReadStoppedForGCode; }
-    QStringList gcodeKeyList() const { return d.m_gcodeKeyList; }
-
     DriverHushCNCReaderWriter *worker() const { return d.m_readerWriter; }
     QThread *workerThread() const { return d.m_workerThread; }
-    HustGCodeprotocol *gcodeController() const { return d.m_gcodeController; }
-    bool workerStarted() const { return d.m_isWorkerStarted; }
-    void initGCodeController(AbstractDeviceInterface *port) { d.initGCodeController(port); }
-    void stopLoopReadForGCode() { d.stopLoopReadForGCode(); }
-    void startLoopReadForGCode() { d.startLoopReadForGCode(); }
 
 private:
     DriverHushCNC &d;
 };
 
-inline CommunicatorCommand command(CommunicatorCommand::DataType type, quint32 length,
-                                   const QString &address)
+inline CommunicatorCommand dw(int index, quint32 length = 1)
 {
-    return CommunicatorCommand(type, length, address);
+    return CommunicatorCommand(CommunicatorCommand::DWordType, length,
+                               QStringLiteral("DW%1").arg(index));
 }
 
 // Little-endian bytes of double words.

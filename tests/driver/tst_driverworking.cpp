@@ -1,8 +1,8 @@
-// The driver with its worker, over a port that plays the controller: read and write dispatch,
-// retries, G-code routing, the session gate across threads, screen switches and teardown.
+// The driver with its worker, over the host serial port and the controller simulator on a
+// pseudo-terminal: read and write dispatch, retries, the session gate across threads and teardown.
 #include "drivertestaccess.h"
-#include "fakecontroller.h"
-#include "tools.h"
+#include "serialport.h"
+#include "simulator.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -16,16 +16,17 @@ using Type = CommunicatorCommand::DataType;
 
 namespace {
 
-CommunicatorCommand dw(int index, quint32 length = 1)
+// Double word n holds n * 1000 + 7, so a value read for one address is never another's.
+quint32 seededValue(int index)
 {
-    return command(CommunicatorCommand::DWordType, length, QStringLiteral("DW%1").arg(index));
+    return quint32(index) * 1000u + 7u;
 }
 
 QByteArray seeded(int first, int count = 1)
 {
     QByteArray bytes;
     for (int i = 0; i < count; ++i)
-        bytes += dwords({FakeController::seededValue(first + i)});
+        bytes += dwords({seededValue(first + i)});
     return bytes;
 }
 
@@ -50,345 +51,250 @@ class TestDriverWorking : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void init() { QCoreApplication::instance()->setProperty("isExit", QVariant()); }
+    void initTestCase()
+    {
+        QCoreApplication::instance()->setProperty("zel_env", true);
+        QLoggingCategory::setFilterRules(QStringLiteral("hust.*.debug=false"));
+    }
 
-    void configurationOnlyDriverRefusesWork();
-    void readsFlowFromTheController();
-    void writes_data();
-    void writes();
-    void bitWritePatchesTheCache();
-    void retriesWhileAnErrorIsPending_data();
-    void retriesWhileAnErrorIsPending();
-    void gcodeKeysGoToTheTransferObject();
-    void gateHoldsOtherThreads_data();
-    void gateHoldsOtherThreads();
-    void holderThreadNeitherBlocksNorSlipsPast();
-    void screenSwitchesNeverServeOldValues();
-    void destroyWhileLoopReading();
-};
+    void init()
+    {
+        QCoreApplication::instance()->setProperty("isExit", QVariant());
+        hustsim::SimulatorConfig config;
+        config.paced = false;
+        config.frameCounter = false;
+        m_sim.reset(new hustsim::Simulator(config));
+        for (int i = 0; i < 300; ++i)
+            m_sim->setRegister(i, seededValue(i));
+        QVERIFY2(m_sim->start(), qPrintable(m_sim->errorString()));
+        m_port.reset(
+            new SerialPort(DeviceSetting(DEVICE_SERIAL, m_sim->devicePath(), 38400, 7, 2, 2),
+                           DriverSetting(1000, 0, 0, 0)));
+        QVERIFY2(m_port->open(), qPrintable(m_port->errorString()));
+    }
 
-void TestDriverWorking::initTestCase()
-{
-    QCoreApplication::instance()->setProperty("zel_env", true);
-    QLoggingCategory::setFilterRules(QStringLiteral("hust.driver.debug=false"));
-}
+    void cleanup()
+    {
+        m_port.reset();
+        m_sim.reset();
+    }
 
-void TestDriverWorking::configurationOnlyDriverRefusesWork()
-{
-    QCoreApplication::instance()->setProperty("zel_env", QVariant());
-    DriverHushCNC driver;
-    QCoreApplication::instance()->setProperty("zel_env", true);
-    FakeController port;
-    DriverHushCNCTestAccess access(driver);
-    QVERIFY(!access.worker());
-    QVERIFY(driver.read(&port, dw(1)).isEmpty());
-    QVERIFY(!driver.write(&port, dw(1), dwords({1})));
-    driver.clearSessionCommand();
-    driver.setSessionCommand({dw(3)});
-    QCOMPARE(access.list(), QStringList {"d00003"});
-    QCOMPARE(port.stopFrames(), 0);
-}
+    void readsFlowFromTheController()
+    {
+        DriverHushCNC driver;
+        DriverHushCNCTestAccess access(driver);
+        QSignalSpy started(&driver, SIGNAL(startLoopRead(QStringList)));
 
-void TestDriverWorking::readsFlowFromTheController()
-{
-    FakeController port;
-    DriverHushCNC driver;
-    DriverHushCNCTestAccess access(driver);
-    QSignalSpy started(&driver, SIGNAL(startLoopRead(QStringList)));
+        QVERIFY(driver.read(port(), dw(100, 2)).isEmpty()); // the list grows
+        QVERIFY(access.workerThread()->isRunning());
+        QVERIFY(driver.read(port(), dw(100, 2)).isEmpty()); // loop reading starts
+        QCOMPARE(started.count(), 1);
+        QCOMPARE(readUntilData(driver, port(), dw(100, 2)), seeded(100, 2));
+        // Handing over the port stopped the controller's stream, once.
+        const QVector<hustsim::RecordedFrame> frames = m_sim->frames();
+        QCOMPARE(std::count_if(frames.cbegin(), frames.cend(),
+                               [](const auto &f) { return f.kind == hustsim::FrameKind::Stop; }),
+                 1);
+    }
 
-    QVERIFY(driver.read(&port, dw(100, 2)).isEmpty()); // the list grows
-    QVERIFY(access.workerStarted());
-    QVERIFY(access.workerThread()->isRunning());
-    QCOMPARE(port.stopFrames(), 1); // handing over the port stops the controller's stream
-    QVERIFY(driver.read(&port, dw(100, 2)).isEmpty()); // loop reading starts
-    QCOMPARE(started.count(), 1);
-    QCOMPARE(readUntilData(driver, &port, dw(100, 2)), seeded(100, 2));
-    QCOMPARE(port.stopFrames(), 1);
-}
+    void writes_data()
+    {
+        QTest::addColumn<Type>("type");
+        QTest::addColumn<QString>("address");
+        QTest::addColumn<quint32>("length");
+        QTest::addColumn<QByteArray>("data");
+        QTest::addColumn<QString>("error");
+        QTest::addColumn<int>("emittedLength");
+        QTest::addColumn<QByteArray>("emittedData");
 
-void TestDriverWorking::writes_data()
-{
-    QTest::addColumn<Type>("type");
-    QTest::addColumn<QString>("address");
-    QTest::addColumn<quint32>("length");
-    QTest::addColumn<QByteArray>("data");
-    QTest::addColumn<bool>("accepted");
-    QTest::addColumn<QString>("error");
-    QTest::addColumn<int>("emittedLength");
-    QTest::addColumn<QByteArray>("emittedData");
+        const Type dwType = CommunicatorCommand::DWordType;
+        const Type block = CommunicatorCommand::BlockType;
+        const QByteArray eight = dwords({0x11111111, 0x22222222});
+        const QString ascoi = QStringLiteral("Not support for writing ASCOI address. ");
+        QTest::newRow("two double words") << dwType << "DW100" << 2u << eight << "" << 2 << eight;
+        QTest::newRow("block padded") << block << "DW200" << 5u << eight.left(5) << "" << 2
+                                      << eight.left(5) + QByteArray(3, '\0');
+        // Refused writes send nothing; an empty error means a quiet refusal.
+        QTest::newRow("quad words: refused quietly")
+            << CommunicatorCommand::QWordType << "DW1" << 1u << eight << "" << -1 << QByteArray();
+        QTest::newRow("words") << CommunicatorCommand::WordType << "DW1" << 1u << eight.left(2)
+                               << "Not support the word write command." << -1 << QByteArray();
+        QTest::newRow("block data shorter than its length")
+            << block << "DW200" << 8u << eight.left(5) << "Write Double Word Fail. " << -1
+            << QByteArray();
+        QTest::newRow("double word to A64")
+            << dwType << "A64" << 1u << eight.left(4) << ascoi << -1 << QByteArray();
+        QTest::newRow("bit of another device") << CommunicatorCommand::BitType << "X5" << 1u
+                                               << QByteArray(1, 1) << ascoi << -1 << QByteArray();
+    }
 
-    const Type dwType = CommunicatorCommand::DWordType;
-    const QByteArray eight = dwords({0x11111111, 0x22222222});
-    const QString ascoi = QStringLiteral("Not support for writing ASCOI address. ");
-    QTest::newRow("two double words")
-        << dwType << "DW100" << 2u << eight << true << QString() << 2 << eight;
-    QTest::newRow("D prefix is no ASCOI")
-        << dwType << "D5" << 1u << eight.left(4) << true << QString() << 1 << eight.left(4);
-    QTest::newRow("quad words: refused quietly")
-        << CommunicatorCommand::QWordType << "DW1" << 1u << eight << false << QString() << -1
-        << QByteArray();
-    QTest::newRow("block padded") << CommunicatorCommand::BlockType << "DW200" << 5u
-                                  << QByteArray("\x01\x02\x03\x04\x05", 5) << true << QString() << 2
-                                  << QByteArray("\x01\x02\x03\x04\x05\0\0\0", 8);
-    QTest::newRow("block data shorter than its length")
-        << CommunicatorCommand::BlockType << "DW200" << 8u << eight.left(5) << false
-        << QStringLiteral("Write Double Word Fail. ") << -1 << QByteArray();
-    QTest::newRow("bit of another device")
-        << CommunicatorCommand::BitType << "X5" << 1u << QByteArray(1, 1) << false << ascoi << -1
-        << QByteArray();
-}
+    void writes()
+    {
+        QFETCH(Type, type);
+        QFETCH(QString, address);
+        QFETCH(quint32, length);
+        QFETCH(QByteArray, data);
+        QFETCH(QString, error);
+        QFETCH(int, emittedLength);
+        QFETCH(QByteArray, emittedData);
 
-void TestDriverWorking::writes()
-{
-    QFETCH(Type, type);
-    QFETCH(QString, address);
-    QFETCH(quint32, length);
-    QFETCH(QByteArray, data);
-    QFETCH(bool, accepted);
-    QFETCH(QString, error);
-    QFETCH(int, emittedLength);
-    QFETCH(QByteArray, emittedData);
-
-    FakeController port;
-    DriverHushCNC driver;
-    QSignalSpy dwordSpy(&driver, SIGNAL(writeDWord(QString, int, QByteArray)));
-    QSignalSpy bitSpy(&driver, SIGNAL(writeBit(QString, bool)));
-    QCOMPARE(driver.write(&port, command(type, length, address), data), accepted);
-    QCOMPARE(driver.hasError(), !error.isEmpty());
-    if (!error.isEmpty())
+        DriverHushCNC driver;
+        QSignalSpy dwordSpy(&driver, SIGNAL(writeDWord(QString, int, QByteArray)));
+        QSignalSpy bitSpy(&driver, SIGNAL(writeBit(QString, bool)));
+        QCOMPARE(driver.write(port(), CommunicatorCommand(type, length, address), data),
+                 emittedLength > 0);
+        QCOMPARE(driver.hasError(), !error.isEmpty());
         QCOMPARE(driver.getLastError(), error);
-    QCOMPARE(bitSpy.count(), 0);
-    if (emittedLength < 0) {
-        QCOMPARE(dwordSpy.count(), 0);
-        return;
-    }
-    QCOMPARE(dwordSpy.count(), 1);
-    QCOMPARE(dwordSpy.at(0).at(0).toString(), address);
-    QCOMPARE(dwordSpy.at(0).at(1).toInt(), emittedLength);
-    QCOMPARE(dwordSpy.at(0).at(2).toByteArray(), emittedData);
-}
-
-void TestDriverWorking::bitWritePatchesTheCache()
-{
-    FakeController port;
-    DriverHushCNC driver;
-    DriverHushCNCTestAccess access(driver);
-    QSignalSpy bitSpy(&driver, SIGNAL(writeBit(QString, bool)));
-    const QStringList list {"d00006", "d00007", "d00008", "d00009", "d00010"};
-    access.setStreaming(list, QByteArray(20, '\0'));
-
-    const CommunicatorCommand b10_3 = command(CommunicatorCommand::BitType, 1, "B10.3");
-    QVERIFY(driver.write(&port, b10_3, QByteArray(1, 1)));
-    QByteArray expected(20, '\0');
-    expected[16] = 0x08; // bit 4 * 32 + 3
-    QCOMPARE(access.cache(), expected);
-    QTRY_COMPARE(port.value(10), FakeController::seededValue(10) | 0x8);
-
-    QVERIFY(driver.write(&port, b10_3, QByteArray(1, 0)));
-    QCOMPARE(access.cache(), QByteArray(20, '\0'));
-
-    // With direct bit writing disabled the bit is still sent but the cache stays as it is.
-    const CommunicatorCommand key
-        = command(CommunicatorCommand::BitType, 1, "WriteBitDirectDisable0");
-    QVERIFY(driver.write(&port, key, QByteArray(1, 1)));
-    QCOMPARE(driver.read(&port, key), QByteArray(1, 1));
-    QVERIFY(driver.write(&port, b10_3, QByteArray(1, 1)));
-    QCOMPARE(access.cache(), QByteArray(20, '\0'));
-    QCOMPARE(bitSpy.count(), 3);
-    QCOMPARE(bitSpy.at(1).at(1).toBool(), false);
-    QTRY_COMPARE(port.value(10), FakeController::seededValue(10) | 0x8);
-}
-
-void TestDriverWorking::retriesWhileAnErrorIsPending_data()
-{
-    QTest::addColumn<int>("retry");
-    QTest::addColumn<bool>("pending");
-    QTest::addColumn<int>("attempts");
-    QTest::newRow("no error: one attempt") << 2 << false << 1;
-    QTest::newRow("pending error, retry 2") << 2 << true << 3;
-    QTest::newRow("pending error, negative retry") << -4 << true << 1;
-}
-
-// A pending error is dropped only by every 52nd clearError(), so reads right after a failure
-// use up their retries although their data is good, and return that data.
-void TestDriverWorking::retriesWhileAnErrorIsPending()
-{
-    QFETCH(int, retry);
-    QFETCH(bool, pending);
-    QFETCH(int, attempts);
-    FakeController port;
-    port.setRetry(retry);
-    DriverHushCNC driver;
-    DriverHushCNCTestAccess access(driver);
-    QVERIFY(driver.write(&port, command(CommunicatorCommand::BitType, 1, "WriteBitDirectDisable0"),
-                         QByteArray(1, 0)));
-    access.worker()->m_isLoopReading = true; // keep the worker out of it
-    access.setStreaming({"d00001"}, dwords({42}));
-    if (pending)
-        access.setReadTimeOutError();
-    const int before = access.clearErrorCountdown();
-    QCOMPARE(driver.read(&port, dw(1)), dwords({42}));
-    QCOMPARE(before - access.clearErrorCountdown(), 1 + attempts);
-
-    // A single byte is refused at once, without retries.
-    const int beforeByte = access.clearErrorCountdown();
-    QVERIFY(driver.read(&port, command(CommunicatorCommand::ByteType, 1, "DW1")).isEmpty());
-    QCOMPARE(driver.getLastError(), QStringLiteral("Not support the read command for Byte Type."));
-    QCOMPARE(beforeByte - access.clearErrorCountdown(), 2);
-}
-
-void TestDriverWorking::gcodeKeysGoToTheTransferObject()
-{
-    FakeController port;
-    DriverHushCNC driver;
-    DriverHushCNCTestAccess access(driver);
-    const CommunicatorCommand status
-        = command(CommunicatorCommand::DWordType, 1, "PROTOCOL_STATUS0");
-
-    QVERIFY(driver.write(&port, status, dwords({0x40})));
-    QCOMPARE(access.gcodeKeyList(),
-             (QStringList {"ReadAllCode0", "ReadCurrentCode0", "BurningCodeBit0", "Code2CtrlCmd",
-                           "PROTOCOL_STATUS0", "ReadCode"}));
-    HustGCodeprotocol *gcode = access.gcodeController();
-    QVERIFY(gcode);
-    QCOMPARE(gcode->thread(), access.workerThread());
-    access.initGCodeController(&port);
-    QCOMPARE(access.gcodeController(), gcode);
-    QCOMPARE(driver.read(&port, status), dwords({0x40}));
-    QVERIFY(driver.read(&port, command(CommunicatorCommand::ByteType, 4, "ReadCode")).isEmpty());
-
-    // While a transfer holds the line every read answers nothing, the keys included.
-    access.stopLoopReadForGCode();
-    QVERIFY(access.loopReadStoppedForGCode());
-    QVERIFY(driver.read(&port, status).isEmpty());
-    access.startLoopReadForGCode();
-    QCOMPARE(driver.read(&port, status), dwords({0x40}));
-
-    // A send runs in the worker's thread; its stop and start signals reach the driver.
-    QVERIFY(driver.write(&port, command(CommunicatorCommand::ByteType, 4, "Code2CtrlCmd"),
-                         QByteArray("G01\n")));
-    QTRY_VERIFY_WITH_TIMEOUT(QByteArrayToInt(driver.read(&port, status))
-                                 & int(HustGCodeprotocol::SendFinishedBit),
-                             5000);
-    QVERIFY(!access.loopReadStoppedForGCode());
-}
-
-void TestDriverWorking::gateHoldsOtherThreads_data()
-{
-    QTest::addColumn<bool>("exiting");
-    QTest::newRow("held until the next set") << false;
-    QTest::newRow("an exiting application is not held") << true;
-}
-
-void TestDriverWorking::gateHoldsOtherThreads()
-{
-    QFETCH(bool, exiting);
-    FakeController port;
-    DriverHushCNC driver;
-    driver.setSessionCommand({dw(5)});
-    QCOMPARE(readUntilData(driver, &port, dw(5)), seeded(5));
-    if (exiting)
-        QCoreApplication::instance()->setProperty("isExit", true);
-
-    driver.clearSessionCommand();
-    std::atomic<bool> done(false);
-    QByteArray result;
-    std::unique_ptr<QThread> reader(QThread::create([&] {
-        result = exiting ? driver.read(&port, dw(6)) : readUntilData(driver, &port, dw(6));
-        done = true;
-    }));
-    reader->start();
-    if (exiting) {
-        QTRY_VERIFY(done);
-        reader->wait();
-        return;
-    }
-    QTest::qWait(150);
-    QVERIFY(!done);
-
-    // A second clear from the holder does not wait on itself.
-    driver.clearSessionCommand();
-    QVERIFY(!done);
-    driver.setSessionCommand({dw(6)});
-    QTRY_VERIFY_WITH_TIMEOUT(done, 10000);
-    reader->wait();
-    QCOMPARE(result, seeded(6));
-}
-
-void TestDriverWorking::holderThreadNeitherBlocksNorSlipsPast()
-{
-    FakeController port;
-    DriverHushCNC driver;
-    DriverHushCNCTestAccess access(driver);
-    QCOMPARE(readUntilData(driver, &port, dw(5)), seeded(5));
-    driver.clearSessionCommand();
-    QVERIFY(driver.read(&port, dw(5)).isEmpty());
-    QVERIFY(driver.read(&port, command(CommunicatorCommand::BitType, 1, "B5.1")).isEmpty());
-    QVERIFY(access.list().isEmpty());
-    driver.setSessionCommand({dw(7)});
-    QCOMPARE(access.list(), QStringList {"d00007"});
-    QCOMPARE(readUntilData(driver, &port, dw(7)), seeded(7));
-}
-
-// The run-time switches screens while other threads keep reading: no read may answer with a
-// value that another address holds.
-void TestDriverWorking::screenSwitchesNeverServeOldValues()
-{
-    FakeController port;
-    DriverHushCNC driver;
-    const QList<CommunicatorCommand> screens[2] = {{dw(100, 3), dw(104)}, {dw(200), dw(202, 3)}};
-    const int firstOf[2][2] = {{100, 104}, {200, 202}};
-    QCOMPARE(readUntilData(driver, &port, dw(100, 3)), seeded(100, 3));
-
-    std::atomic<bool> stop(false);
-    std::atomic<int> wrong(0);
-    std::atomic<int> served(0);
-    auto readLoop = [&](int screen) {
-        while (!stop) {
-            for (const CommunicatorCommand &cmd : screens[screen]) {
-                const QByteArray result = driver.read(&port, cmd);
-                if (result.isEmpty())
-                    continue;
-                ++served;
-                if (result != seeded(ExtractPLCDeviceAddress(cmd.address, 10), int(cmd.length)))
-                    ++wrong;
-            }
+        QCOMPARE(bitSpy.count(), 0);
+        QCOMPARE(dwordSpy.count(), emittedLength > 0 ? 1 : 0);
+        if (emittedLength > 0) {
+            QCOMPARE(dwordSpy.at(0).at(0).toString(), address);
+            QCOMPARE(dwordSpy.at(0).at(1).toInt(), emittedLength);
+            QCOMPARE(dwordSpy.at(0).at(2).toByteArray(), emittedData);
         }
-    };
-    std::unique_ptr<QThread> readerA(QThread::create(readLoop, 0));
-    std::unique_ptr<QThread> readerB(QThread::create(readLoop, 1));
-    readerA->start();
-    readerB->start();
+    }
 
-    const int switches = 120;
-    for (int i = 1; i <= switches; ++i) {
-        const int screen = i % 2;
+    void bitWritePatchesTheCache()
+    {
+        DriverHushCNC driver;
+        DriverHushCNCTestAccess access(driver);
+        QSignalSpy bitSpy(&driver, SIGNAL(writeBit(QString, bool)));
+        const QStringList list {"d00006", "d00007", "d00008", "d00009", "d00010"};
+        access.setStreaming(list, QByteArray(20, '\0'));
+
+        const CommunicatorCommand b10_3
+            = CommunicatorCommand(CommunicatorCommand::BitType, 1, "B10.3");
+        QVERIFY(driver.write(port(), b10_3, QByteArray(1, 1)));
+        QByteArray expected(20, '\0');
+        expected[16] = 0x08; // bit 4 * 32 + 3
+        QCOMPARE(access.cache(), expected);
+        QVERIFY(driver.write(port(), b10_3, QByteArray(1, 0)));
+        QCOMPARE(access.cache(), QByteArray(20, '\0'));
+
+        // With direct bit writing disabled the bit is still sent but the cache stays as it is.
+        const CommunicatorCommand key
+            = CommunicatorCommand(CommunicatorCommand::BitType, 1, "WriteBitDirectDisable0");
+        QVERIFY(driver.write(port(), key, QByteArray(1, 1)));
+        QCOMPARE(driver.read(port(), key), QByteArray(1, 1));
+        QVERIFY(driver.write(port(), b10_3, QByteArray(1, 1)));
+        QCOMPARE(access.cache(), QByteArray(20, '\0'));
+        QCOMPARE(bitSpy.count(), 3);
+        QCOMPARE(bitSpy.at(1).at(1).toBool(), false);
+        QCOMPARE(bitSpy.at(2), (QList<QVariant> {QStringLiteral("B10.3"), true}));
+    }
+
+    void retriesWhileAnErrorIsPending_data()
+    {
+        QTest::addColumn<int>("retry");
+        QTest::addColumn<bool>("pending");
+        QTest::addColumn<int>("attempts");
+        QTest::newRow("no error: one attempt") << 2 << false << 1;
+        QTest::newRow("pending error, retry 2") << 2 << true << 3;
+        QTest::newRow("pending error, negative retry") << -4 << true << 1;
+    }
+
+    // A pending error is dropped only by every 52nd clearError(), so reads right after a failure
+    // use up their retries although their data is good, and return that data.
+    void retriesWhileAnErrorIsPending()
+    {
+        QFETCH(int, retry);
+        QFETCH(bool, pending);
+        QFETCH(int, attempts);
+        m_port->setDriverSetting(DriverSetting(1000, retry, 0, 0));
+        DriverHushCNC driver;
+        DriverHushCNCTestAccess access(driver);
+        QVERIFY(driver.write(
+            port(), CommunicatorCommand(CommunicatorCommand::BitType, 1, "WriteBitDirectDisable0"),
+            QByteArray(1, 0)));
+        access.worker()->m_isLoopReading = true; // keep the worker out of it
+        access.setStreaming({"d00001"}, dwords({42}));
+        if (pending)
+            access.setReadTimeOutError();
+        const int before = access.clearErrorCountdown();
+        QCOMPARE(driver.read(port(), dw(1)), dwords({42}));
+        QCOMPARE(before - access.clearErrorCountdown(), 1 + attempts);
+
+        // A single byte is refused at once, without retries.
+        const int beforeByte = access.clearErrorCountdown();
+        QVERIFY(driver.read(port(), CommunicatorCommand(CommunicatorCommand::ByteType, 1, "DW1"))
+                    .isEmpty());
+        QCOMPARE(driver.getLastError(),
+                 QStringLiteral("Not support the read command for Byte Type."));
+        QCOMPARE(beforeByte - access.clearErrorCountdown(), 2);
+    }
+
+    void gateHoldsOtherThreads_data()
+    {
+        QTest::addColumn<bool>("exiting");
+        QTest::newRow("held until the next set") << false;
+        QTest::newRow("an exiting application is not held") << true;
+    }
+
+    void gateHoldsOtherThreads()
+    {
+        QFETCH(bool, exiting);
+        DriverHushCNC driver;
+        driver.setSessionCommand({dw(5)});
+        QCOMPARE(readUntilData(driver, port(), dw(5)), seeded(5));
+        if (exiting)
+            QCoreApplication::instance()->setProperty("isExit", true);
+
         driver.clearSessionCommand();
-        driver.setSessionCommand(screens[screen]);
-        if (i % 20 == 0) {
-            const CommunicatorCommand cmd = dw(firstOf[screen][0]);
-            QCOMPARE(readUntilData(driver, &port, cmd), seeded(firstOf[screen][0]));
+        std::atomic<bool> done(false);
+        QByteArray result;
+        std::unique_ptr<QThread> reader(QThread::create([&] {
+            result = exiting ? driver.read(port(), dw(6)) : readUntilData(driver, port(), dw(6));
+            done = true;
+        }));
+        reader->start();
+        if (exiting) {
+            QTRY_VERIFY(done);
+            reader->wait();
+            return;
         }
-    }
-    stop = true;
-    readerA->wait();
-    readerB->wait();
-    QCOMPARE(wrong.load(), 0);
-    QVERIFY(served > 0);
-}
+        QTest::qWait(150);
+        QVERIFY(!done);
 
-void TestDriverWorking::destroyWhileLoopReading()
-{
-    FakeController port;
-    auto driver = std::make_unique<DriverHushCNC>();
-    QCOMPARE(readUntilData(*driver, &port, dw(10, 20)), seeded(10, 20));
-    QVERIFY(port.isStreaming());
-    QPointer<QThread> thread = DriverHushCNCTestAccess(*driver).workerThread();
-    QVERIFY(thread->isRunning());
-    driver.reset();
-    QVERIFY(!thread);
-}
+        // A second clear from the holder does not wait on itself.
+        driver.clearSessionCommand();
+        QVERIFY(!done);
+        driver.setSessionCommand({dw(6)});
+        QTRY_VERIFY_WITH_TIMEOUT(done, 10000);
+        reader->wait();
+        QCOMPARE(result, seeded(6));
+    }
+
+    void holderThreadNeitherBlocksNorSlipsPast()
+    {
+        DriverHushCNC driver;
+        DriverHushCNCTestAccess access(driver);
+        QCOMPARE(readUntilData(driver, port(), dw(5)), seeded(5));
+        driver.clearSessionCommand();
+        QVERIFY(driver.read(port(), dw(5)).isEmpty());
+        QVERIFY(driver.read(port(), CommunicatorCommand(CommunicatorCommand::BitType, 1, "B5.1"))
+                    .isEmpty());
+        QVERIFY(access.list().isEmpty());
+        driver.setSessionCommand({dw(7)});
+        QCOMPARE(access.list(), QStringList {"d00007"});
+        QCOMPARE(readUntilData(driver, port(), dw(7)), seeded(7));
+    }
+
+    void destroyWhileLoopReading()
+    {
+        auto driver = std::make_unique<DriverHushCNC>();
+        QCOMPARE(readUntilData(*driver, port(), dw(10, 20)), seeded(10, 20));
+        QPointer<QThread> thread = DriverHushCNCTestAccess(*driver).workerThread();
+        QVERIFY(thread->isRunning());
+        driver.reset();
+        QVERIFY(!thread);
+    }
+
+private:
+    SerialPort *port() const { return m_port.get(); }
+
+    std::unique_ptr<hustsim::Simulator> m_sim;
+    std::unique_ptr<SerialPort> m_port;
+};
 
 QTEST_GUILESS_MAIN(TestDriverWorking)
 #include "tst_driverworking.moc"
