@@ -20,6 +20,29 @@ private slots:
         QLoggingCategory::setFilterRules(QStringLiteral("hust.driver.debug=false"));
     }
 
+    // Without zel_env the plug-in is only asked for its settings: reads and writes are refused
+    // through any port, G-code keys included, and no port call is made.
+    void configurationOnlyDriverRefusesWork_data()
+    {
+        QTest::addColumn<QString>("address");
+        QTest::newRow("register") << "DW100";
+        QTest::newRow("bit") << "B10800.3";
+        QTest::newRow("G-code key") << "ReadCode";
+    }
+
+    void configurationOnlyDriverRefusesWork()
+    {
+        QFETCH(QString, address);
+        DriverHushCNC driver;
+        ScriptedPort port;
+        const CommunicatorCommand cmd(CommunicatorCommand::DWordType, 1, address);
+        QVERIFY(driver.read(&port, cmd).isEmpty());
+        QVERIFY(!driver.write(&port, cmd, dwords({7})));
+        QVERIFY(!driver.hasError());
+        QCOMPARE(port.readCalls(), 0);
+        QVERIFY(port.writes().isEmpty());
+    }
+
     void addressTranslation_data()
     {
         QTest::addColumn<QString>("address");
