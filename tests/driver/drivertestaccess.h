@@ -1,11 +1,11 @@
 #ifndef DRIVERTESTACCESS_H
 #define DRIVERTESTACCESS_H
 
-#include "driverhushcncreaderthread.h"
 #include "hush_cnc.h"
 
 #include <QMutexLocker>
 #include <QThread>
+#include <QtEndian>
 
 // Reaches the driver's private state and slots.
 class DriverHushCNCTestAccess
@@ -27,7 +27,6 @@ public:
     {
         return d.extractZeroDataFromDWordByteArray(type, length);
     }
-    void setReadTimeOutError() { d.setReadTimeOutError(); }
 
     QStringList list()
     {
@@ -50,10 +49,6 @@ public:
         d.m_currentBlockData = block;
         d.isStartLoopRead = true;
     }
-    int triggerIndex() const { return d.m_loopTriggerIndex; }
-    bool blockUpdated() const { return d.m_isBlockDataUpdated; }
-    int clearErrorCountdown() const { return d.m_clearErrorCountdown; }
-    DriverHushCNCReaderWriter *worker() const { return d.m_readerWriter; }
     QThread *workerThread() const { return d.m_workerThread; }
 
 private:
@@ -69,11 +64,8 @@ inline CommunicatorCommand dw(int index, quint32 length = 1)
 // Little-endian bytes of double words.
 inline QByteArray dwords(std::initializer_list<quint32> values)
 {
-    QByteArray bytes;
-    for (quint32 v : values) {
-        for (int b = 0; b < 4; ++b)
-            bytes.append(char((v >> (8 * b)) & 0xFF));
-    }
+    QByteArray bytes(4 * int(values.size()), '\0');
+    qToLittleEndian<quint32>(values.begin(), qsizetype(values.size()), bytes.data());
     return bytes;
 }
 
