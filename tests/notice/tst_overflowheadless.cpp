@@ -21,28 +21,23 @@ class TestOverflowHeadless : public QObject
     Q_OBJECT
 
 private slots:
-    void reportsAreLoggedOneAtATime();
+    // A second report before the first is handled is dropped; once handled, the next is not.
+    void reportsAreLoggedOneAtATime()
+    {
+        QLoggingCategory::setFilterRules(QStringLiteral("hust.driver.debug=true"));
+        const QtMessageHandler previous = qInstallMessageHandler(collect);
+        DriverHushCNCReaderWriter link;
+        link.showOverflowMsg(120);
+        link.showOverflowMsg(121);
+        QCoreApplication::processEvents();
+        link.showOverflowMsg(130);
+        QCoreApplication::processEvents();
+        qInstallMessageHandler(previous);
+        QCOMPARE(notices,
+                 QStringList({"There are 120 registers to read. It is overflow",
+                              "There are 130 registers to read. It is overflow"}));
+    }
 };
-
-void TestOverflowHeadless::reportsAreLoggedOneAtATime()
-{
-    QLoggingCategory::setFilterRules(QStringLiteral("hust.driver.debug=true"));
-    const QtMessageHandler previous = qInstallMessageHandler(collect);
-    DriverHushCNCReaderWriter link;
-
-    // A second report before the first is handled is dropped.
-    link.showOverflowMsg(120);
-    link.showOverflowMsg(121);
-    QCoreApplication::processEvents();
-    // Once handled, the next report is handled again.
-    link.showOverflowMsg(130);
-    QCoreApplication::processEvents();
-    qInstallMessageHandler(previous);
-
-    QCOMPARE(notices,
-             QStringList({"There are 120 registers to read. It is overflow",
-                          "There are 130 registers to read. It is overflow"}));
-}
 
 QTEST_GUILESS_MAIN(TestOverflowHeadless)
 #include "tst_overflowheadless.moc"
