@@ -1,178 +1,484 @@
+// Frames built and decoded by the worker, and its read cycle on a scripted port.
 #include "hustframes.h"
+#include "serializedport.h"
 #include "workertestsupport.h"
 
+#include <QScopeGuard>
 #include <QtTest>
 
+#include <atomic>
+#include <thread>
+
 using namespace WorkerTest;
+
+namespace {
+
+const QByteArray kStopFrame("\x12%\rO9000\rN1\r%\x14");
+const QByteArray kRequestHead("\x12%\rO9000\rN0\r");
+
+// A value as the controller writes it: eight hexadecimal digits with ':' to '?' for A to F.
+QByteArray valueText(quint32 v)
+{
+    QByteArray text = QByteArray::number(v, 16).rightJustified(8, '0');
+    for (char &c : text)
+        c = c > '9' ? char(c - 'a' + ':') : c;
+    return text;
+}
+
+// A response frame of 10 * n + 25 bytes: DC2, the H record, the v record, one d record per value
+// text (given as sent, so that short texts can be scripted) and a ten-byte end that the worker
+// does not interpret.
+QByteArray responseFrame(const QByteArray &hCode, const QByteArrayList &texts)
+{
+    QByteArray f
+        = "\x12H" + hCode + "\rv" + QByteArray::number(texts.size()).rightJustified(2, '0');
+    for (const QByteArray &v : texts)
+        f += "\rd" + v;
+    return f + "\r%\x14        ";
+}
+
+QByteArray responseFrame(const QByteArray &hCode, const QList<quint32> &values)
+{
+    QByteArrayList texts;
+    for (quint32 v : values)
+        texts << valueText(v);
+    return responseFrame(hCode, texts);
+}
+
+// A worker on a scripted port.
+struct Fixture
+{
+    ScriptedPort port;
+    DriverHushCNCReaderWriter worker;
+    DriverHushCNCReaderWriterTestAccess access {worker};
+
+    explicit Fixture(int count = 2)
+    {
+        access.setPort(&port);
+        access.setAddrList(names(count));
+    }
+};
+
+// A port that is not safe for two threads: it counts calls that overlap.
+class OverlapCountingPort : public ScriptedPort
+{
+public:
+    std::atomic<int> inside {0}, overlaps {0}, calls {0};
+
+    int readData(char *, int) override { return enter(); }
+    int writeData(const char *, int) override { return enter(); }
+    void getOption(int, QVariant &) override { enter(); }
+    void setOption(int, const QVariant &) override { enter(); }
+
+private:
+    int enter()
+    {
+        overlaps += inside++ != 0;
+        ++calls;
+        std::this_thread::yield();
+        --inside;
+        return 0;
+    }
+};
+
+} // namespace
 
 class TestWorkerFrames : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void readRequest_data();
-    void readRequest();
-    void decode_data();
-    void decode();
-    void forwardSearch_data();
-    void forwardSearch();
-};
-
-// Requests leave in pieces of at most 230 bytes after one discard; a refused one sends nothing.
-void TestWorkerFrames::readRequest_data()
-{
-    QTest::addColumn<QStringList>("addresses");
-    QTest::addColumn<QByteArray>("expected");
-    QTest::addColumn<QList<int>>("pieces");
-    const auto request = [](const QStringList &list) {
-        QByteArray f
-            = "\x12%\rO9000\rN0\rv" + QByteArray::number(list.size()).rightJustified(2, '0');
-        return f.append('\r').append(list.join('\r').toLatin1()).append("\r%\x14");
-    };
-    QTest::newRow("two") << QStringList {"d00010", "d00011"}
-                         << QByteArray("\x12%\rO9000\rN0\rv02\rd00010\rd00011\r%\x14")
-                         << QList<int> {32};
-    QTest::newRow("99") << names(99) << request(names(99)) << QList<int> {230, 230, 230, 21};
-    // 29 six-character names and one of eight make a frame of exactly 230 bytes.
-    const QStringList one230 = names(29) << "d0000099";
-    QTest::newRow("230 bytes") << one230 << request(one230) << QList<int> {230};
-    QTest::newRow("100 refused") << names(100) << QByteArray() << QList<int>();
-}
-
-void TestWorkerFrames::readRequest()
-{
-    QFETCH(QStringList, addresses);
-    QFETCH(QByteArray, expected);
-    QFETCH(QList<int>, pieces);
-    ScriptedPort port;
-    DriverHushCNCReaderWriter worker;
-    DriverHushCNCReaderWriterTestAccess access(worker);
-    access.setPort(&port);
-    access.setAddrList(addresses);
-    access.cmdJustSent() = false;
-    const QByteArray frame = access.packReadBytesCmd();
-    QCOMPARE(frame, expected);
-    access.sendTxBufForRead(frame);
-
-    QList<int> sizes;
-    for (const QByteArray &w : port.writes())
-        sizes << w.size();
-    QCOMPARE(sizes, pieces);
-    QCOMPARE(port.written(), frame);
-    QCOMPARE(port.discardCalls(), pieces.isEmpty() ? 0 : 1);
-    QCOMPARE(access.cmdJustSent(), !pieces.isEmpty());
-}
-
-void TestWorkerFrames::decode_data()
-{
-    QTest::addColumn<QByteArray>("received");
-    QTest::addColumn<int>("count");
-    QTest::addColumn<bool>("lenient");
-    QTest::addColumn<int>("position");
-    QTest::addColumn<QStringList>("values");
-
-    const QByteArray example("\x12H00000017\rv02\rd0000001:\rd000003>9\r");
-    QTest::newRow("worked example")
-        << example << 2 << false << 1 << QStringList {"0000001A", "000003E9"};
-    QTest::newRow("v digits not compared") << QByteArray("\x12H00000001\rv07\rd00000005\r") << 1
-                                           << false << 1 << QStringList {"00000005"};
-    QTest::newRow("strict refuses short") << QByteArray("\x12H00000001\rv02\rd00005\rd00000006\r")
-                                          << 2 << false << -1 << QStringList();
-    QTest::newRow("lenient 5 to 7") << QByteArray("\x12H00001\rv03\rd00005\rd000006\rd0000007\r")
-                                    << 3 << true << 1 << QStringList {"00005", "000006", "0000007"};
-    QTest::newRow("lenient refuses 4")
-        << QByteArray("\x12H00000001\rv01\rd0005\r") << 1 << true << -1 << QStringList();
-    QTest::newRow("letters A-F are not value characters")
-        << QByteArray("\x12H00000001\rv01\rd000000AB\r") << 1 << false << -1 << QStringList();
-}
-
-void TestWorkerFrames::decode()
-{
-    QFETCH(QByteArray, received);
-    QFETCH(int, count);
-    QFETCH(bool, lenient);
-    QFETCH(int, position);
-    QFETCH(QStringList, values);
-    HustFrames::ResponseMatcher matcher(HustFrames::responsePattern(count, lenient));
-    QCOMPARE(matcher.searchBackward(received), position);
-    if (position >= 0)
-        QCOMPARE(matcher.valueTexts(), values);
-    // Forward matches count only when a frame's end follows the records.
-    const int size = received.size() + 2;
-    QCOMPARE(matcher.searchForward(received + "%\x14", size), position);
-    if (position >= 0)
-        QCOMPARE(matcher.searchForward(received + "%.", size), -1);
-}
-
-// Windows over streams of an older and a newer frame, cut at every byte. Joining the newest
-// frame's head to the older frame's tail can tear a value (leading digits of one frame, trailing
-// digits of the other) or shift records onto other addresses; the bare pattern accepts such
-// windows, the forward search must not, and it must still accept windows that join safely.
-void TestWorkerFrames::forwardSearch_data()
-{
-    QTest::addColumn<QList<QByteArray>>("streams");
-    const QList<quint32> older {0x11111111, 0x22222222, 0x33333333};
-    const QList<quint32> newer {0x44444444, 0x55555555, 0x66666666};
-    const QByteArray whole = responseFrame("00000001", older);
-    const QByteArray next = responseFrame("00000002", newer);
-
-    QTest::newRow("whole frames") << QList<QByteArray> {whole + whole + next + next};
-    QList<QByteArray> cut;
-    for (int at = 1; at < whole.size(); ++at)
-        cut << whole + whole.left(at) + next;
-    QTest::newRow("a frame cut short") << cut;
-    const QByteArray shortOlder = responseFrame("00000001", {"11111111", "22222", "33333333"});
-    const QByteArray shortNewer = responseFrame("00000002", {"44444444", "5555555", "66666666"});
-    QTest::newRow("values sent short")
-        << QList<QByteArray> {whole + shortOlder + next + next, whole + next + shortNewer + next,
-                              whole + shortOlder + shortNewer + next};
-}
-
-void TestWorkerFrames::forwardSearch()
-{
-    QFETCH(QList<QByteArray>, streams);
-    const int size = HustFrames::responseSize(3);
-    const QString pattern = HustFrames::responsePattern(3, true);
-    // A full value text is wrong when its address never held it; short texts are filled from
-    // the last full block by the read cycle.
-    const auto wrong = [](const QStringList &texts) {
-        for (int i = 0; i < texts.size(); ++i) {
-            const quint32 v = HustFrames::valueOf(texts.at(i));
-            if (texts.at(i).size() == 8 && v != 0x11111111u * (i + 1) && v != 0x11111111u * (i + 4))
-                return true;
-        }
-        return texts.size() != 3;
-    };
-    int accepted = 0;
-    int tornByBarePattern = 0;
-    for (const QByteArray &stream : streams) {
-        for (int end = size; end <= stream.size(); ++end) {
-            QByteArray window = stream.left(end).right(size);
-            const int p = window.indexOf('\x12');
-            if (p > 0)
-                window = window.mid(p) + window.left(p);
-            QRegExp bare(pattern, Qt::CaseSensitive, QRegExp::RegExp);
-            if (bare.indexIn(QString::fromLatin1(window)) > 0) {
-                QString records = bare.cap(0);
-                records.remove(bare.cap(1));
-                records.remove(bare.cap(2));
-                records.remove(QLatin1Char('\r'));
-                tornByBarePattern += wrong(records.split(QLatin1Char('d'), Qt::SkipEmptyParts));
-            }
-
-            HustFrames::ResponseMatcher matcher(pattern);
-            if (matcher.searchForward(stream.left(end), size) > 0) {
-                ++accepted;
-                QVERIFY2(!wrong(matcher.valueTexts()),
-                         qPrintable(QStringLiteral("window ending at %1: %2")
-                                        .arg(end)
-                                        .arg(matcher.valueTexts().join(QLatin1Char(' ')))));
-            }
-        }
+    // Requests leave in pieces of at most 230 bytes after one discard; a refused one sends
+    // nothing. The pieces also fix the frame's length: 16 + 7 * 99 + 2 bytes for 99 addresses.
+    void readRequest_data()
+    {
+        QTest::addColumn<QStringList>("addresses");
+        QTest::addColumn<QList<int>>("pieces");
+        QTest::newRow("99") << names(99) << QList<int> {230, 230, 230, 21};
+        QTest::newRow("100 refused") << names(100) << QList<int>();
     }
-    QVERIFY(tornByBarePattern > 0);
-    QVERIFY(accepted > 0);
-}
+
+    void readRequest()
+    {
+        QFETCH(QStringList, addresses);
+        QFETCH(QList<int>, pieces);
+        Fixture f;
+        f.access.setAddrList(addresses);
+        f.access.cmdJustSent() = false;
+        const QByteArray frame = f.access.packReadBytesCmd();
+        f.access.sendTxBufForRead(frame);
+
+        QList<int> sizes;
+        for (const QByteArray &w : f.port.writes())
+            sizes << w.size();
+        QCOMPARE(sizes, pieces);
+        QCOMPARE(f.port.written(), frame);
+        QCOMPARE(f.port.discardCalls(), pieces.isEmpty() ? 0 : 1);
+        QCOMPARE(f.access.cmdJustSent(), !pieces.isEmpty());
+    }
+
+    void decode_data()
+    {
+        QTest::addColumn<QByteArray>("received");
+        QTest::addColumn<int>("count");
+        QTest::addColumn<bool>("lenient");
+        QTest::addColumn<int>("position");
+        QTest::addColumn<QStringList>("values");
+
+        QTest::newRow("worked example") << QByteArray("\x12H00000017\rv02\rd0000001:\rd000003>9\r")
+                                        << 2 << false << 1 << QStringList {"0000001A", "000003E9"};
+        QTest::newRow("lenient refuses 4")
+            << QByteArray("\x12H00000001\rv01\rd0005\r") << 1 << true << -1 << QStringList();
+        QTest::newRow("letters A-F are not value characters")
+            << QByteArray("\x12H00000001\rv01\rd000000AB\r") << 1 << false << -1 << QStringList();
+    }
+
+    void decode()
+    {
+        QFETCH(QByteArray, received);
+        QFETCH(int, count);
+        QFETCH(bool, lenient);
+        QFETCH(int, position);
+        QFETCH(QStringList, values);
+        HustFrames::ResponseMatcher matcher(HustFrames::responsePattern(count, lenient));
+        QCOMPARE(matcher.searchBackward(received), position);
+        if (position >= 0)
+            QCOMPARE(matcher.valueTexts(), values);
+        // Forward matches count only when a frame's end follows the records.
+        const int size = received.size() + 2;
+        QCOMPARE(matcher.searchForward(received + "%\x14", size), position);
+        if (position >= 0)
+            QCOMPARE(matcher.searchForward(received + "%.", size), -1);
+    }
+
+    // Windows over streams of an older and a newer frame, cut at every byte. Joining the newest
+    // frame's head to the older frame's tail can tear a value (leading digits of one frame,
+    // trailing digits of the other) or shift records onto other addresses; the bare pattern
+    // accepts such windows, the forward search must not, and it must still accept windows that
+    // join safely.
+    void forwardSearch_data()
+    {
+        QTest::addColumn<QByteArrayList>("streams");
+        const QList<quint32> older {0x11111111, 0x22222222, 0x33333333};
+        const QList<quint32> newer {0x44444444, 0x55555555, 0x66666666};
+        const QByteArray whole = responseFrame("00000001", older);
+        const QByteArray next = responseFrame("00000002", newer);
+
+        QTest::newRow("whole frames") << QByteArrayList {whole + whole + next + next};
+        QByteArrayList cut;
+        for (int at = 1; at < whole.size(); ++at)
+            cut << whole + whole.left(at) + next;
+        QTest::newRow("a frame cut short") << cut;
+        const QByteArray shortOlder = responseFrame("00000001", {"11111111", "22222", "33333333"});
+        const QByteArray shortNewer
+            = responseFrame("00000002", {"44444444", "5555555", "66666666"});
+        QTest::newRow("values sent short")
+            << QByteArrayList {whole + shortOlder + next + next, whole + next + shortNewer + next,
+                               whole + shortOlder + shortNewer + next};
+    }
+
+    void forwardSearch()
+    {
+        QFETCH(QByteArrayList, streams);
+        const int size = HustFrames::responseSize(3);
+        const QString pattern = HustFrames::responsePattern(3, true);
+        // A full value text is wrong when its address never held it; short texts are filled
+        // from the last full block by the read cycle.
+        const auto wrong = [](const QStringList &texts) {
+            for (int i = 0; i < texts.size(); ++i) {
+                const quint32 v = HustFrames::valueOf(texts.at(i));
+                if (texts.at(i).size() == 8 && v != 0x11111111u * (i + 1)
+                    && v != 0x11111111u * (i + 4))
+                    return true;
+            }
+            return texts.size() != 3;
+        };
+        int accepted = 0;
+        int tornByBarePattern = 0;
+        for (const QByteArray &stream : streams) {
+            for (int end = size; end <= stream.size(); ++end) {
+                QByteArray window = stream.left(end).right(size);
+                const int p = window.indexOf('\x12');
+                if (p > 0)
+                    window = window.mid(p) + window.left(p);
+                QRegExp bare(pattern, Qt::CaseSensitive, QRegExp::RegExp);
+                if (bare.indexIn(QString::fromLatin1(window)) > 0) {
+                    QString records = bare.cap(0);
+                    records.remove(bare.cap(1));
+                    records.remove(bare.cap(2));
+                    records.remove(QLatin1Char('\r'));
+                    tornByBarePattern += wrong(records.split(QLatin1Char('d'), Qt::SkipEmptyParts));
+                }
+
+                HustFrames::ResponseMatcher matcher(pattern);
+                if (matcher.searchForward(stream.left(end), size) > 0) {
+                    ++accepted;
+                    QVERIFY2(!wrong(matcher.valueTexts()),
+                             qPrintable(matcher.valueTexts().join(' ')));
+                }
+            }
+        }
+        QVERIFY(tornByBarePattern > 0);
+        QVERIFY(accepted > 0);
+    }
+
+    // One cycle on scripted chunks. The controller answers every read request the cycle sends
+    // with `answer`; readCalls 0 leaves the number of reads unchecked.
+    void cycle_data()
+    {
+        QTest::addColumn<int>("count");
+        QTest::addColumn<bool>("loop");
+        QTest::addColumn<bool>("cmdJustSent");
+        QTest::addColumn<QByteArrayList>("chunks");
+        QTest::addColumn<QByteArray>("answer");
+        QTest::addColumn<QByteArray>("expected");
+        QTest::addColumn<int>("timeouts");
+        QTest::addColumn<int>("requests");
+        QTest::addColumn<int>("readCalls");
+
+        const QByteArray oldFrame = responseFrame("00000001", QList<quint32> {1, 2});
+        const QByteArray newFrame = responseFrame("00000002", QList<quint32> {3, 4});
+        QTest::newRow("behind the tail of an older response")
+            << 2 << false << true << QByteArrayList {oldFrame.right(17) + newFrame} << QByteArray()
+            << block({3, 4}) << 0 << 0 << 0;
+        // Right after a request the old H code means the controller has not seen it yet: resend.
+        QTest::newRow("stale H code after a request")
+            << 2 << false << true << QByteArrayList {oldFrame} << newFrame << block({3, 4}) << 0
+            << 1 << 0;
+        // After one response's worth of bytes every read brings one byte: one failed match each,
+        // up to max(2N, 10) attempts.
+        const QByteArrayList drip = QVector<QByteArray>(100, "x").toList();
+        QTest::newRow("give up, N=2: 10 attempts")
+            << 2 << false << false << (QByteArrayList {QByteArray(45, 'x')} + drip) << QByteArray()
+            << QByteArray() << 1 << 0 << 12;
+        QTest::newRow("give up, N=30: 60 attempts")
+            << 30 << false << false
+            << (QByteArrayList {QByteArray(200, 'x'), QByteArray(125, 'x')} + drip) << QByteArray()
+            << QByteArray() << 1 << 0 << 2 + 61;
+        // The 32nd empty read raises the time-out and restarts the exchange. Without a driver
+        // the block only refreshes the last full block.
+        QTest::newRow("32nd empty read restarts a loop cycle")
+            << 2 << true << false << QByteArrayList() << newFrame << block({3, 4}) << 1 << 1 << 33;
+    }
+
+    void cycle()
+    {
+        QFETCH(int, count);
+        QFETCH(bool, loop);
+        QFETCH(bool, cmdJustSent);
+        QFETCH(QByteArrayList, chunks);
+        QFETCH(QByteArray, answer);
+        QFETCH(QByteArray, expected);
+        QFETCH(int, timeouts);
+        QFETCH(int, requests);
+        QFETCH(int, readCalls);
+        Fixture f(count);
+        for (const QByteArray &c : chunks)
+            f.port.queueRead(c);
+        f.port.setResponder([answer](ScriptedPort &p, const QByteArray &written) {
+            if (written.startsWith(kRequestHead) && !answer.isEmpty())
+                p.queueRead(answer);
+        });
+        f.access.cmdJustSent() = cmdJustSent;
+        f.access.lastHCode() = "H00000001\r";
+        f.worker.m_isStopLoopRead = !loop;
+        QSignalSpy timeoutSpy(&f.worker, &DriverHushCNCReaderWriter::setReadLoopTimeoutError);
+
+        QByteArray response("untouched");
+        f.access.readFromCNCController(!loop, &response);
+
+        if (loop) {
+            QCOMPARE(f.access.lastFullBlock(), expected);
+        } else {
+            QCOMPARE(response, expected.isEmpty() ? QByteArray("untouched") : expected);
+            if (!expected.isEmpty()) {
+                QVERIFY(!f.access.cmdJustSent());
+                QCOMPARE(f.access.lastHCode(), QString("H00000002\r"));
+            }
+        }
+        QCOMPARE(timeoutSpy.count(), timeouts);
+        const QByteArray request = f.access.packReadBytesCmd();
+        for (const QByteArray &w : f.port.writes())
+            QVERIFY(!w.startsWith(kRequestHead) || w == request);
+        QCOMPARE(f.port.writes().count(request), requests);
+        if (readCalls)
+            QCOMPARE(f.port.readCalls(), readCalls);
+    }
+
+    // An immediate read on a silent line ends after three restarts, so that its caller is never
+    // held for long. It stops the stream before asking and leaves the loop state alone.
+    void immediateReadOnSilentLine()
+    {
+        Fixture f;
+        QSignalSpy timeoutSpy(&f.worker, &DriverHushCNCReaderWriter::setReadLoopTimeoutError);
+        QByteArray response("untouched");
+
+        f.worker.getAddrValRightaway(names(2, 10), quintptr(&response));
+
+        QCOMPARE(response, QByteArray("untouched"));
+        QCOMPARE(timeoutSpy.count(), 4);
+        QCOMPARE(f.port.writes().value(0), kStopFrame);
+        QCOMPARE(f.port.writes().count("\x12%\rO9000\rN0\rv02\rd00010\rd00011\r%\x14"), 1 + 3);
+        QCOMPARE(f.port.readCalls(), 4 * 32);
+        QVERIFY(f.worker.m_isStopLoopRead);
+        QVERIFY(!f.worker.m_isLoopReading);
+    }
+
+    // Under the lenient pattern (a full last block for the same list) short values are taken
+    // from the last full block; such a block reaches the driver but does not replace the last
+    // full block. A last block of another list leaves the strict pattern, which refuses them.
+    void shortValues_data()
+    {
+        QTest::addColumn<QByteArray>("lastFullBlock");
+        QTest::addColumn<QByteArray>("delivered");
+        QTest::newRow("lenient") << block({0x11, 0x22}) << block({5, 0x22});
+        QTest::newRow("strict: last block of another list") << block({0x11}) << QByteArray();
+    }
+
+    void shortValues()
+    {
+        QFETCH(QByteArray, lastFullBlock);
+        QFETCH(QByteArray, delivered);
+        Fixture f;
+        f.port.queueRead(
+            responseFrame("00000009", QByteArrayList {"00000005", "000006"}).repeated(20));
+        DriverHushCNC driver;
+        f.worker.setDriverInterface(&driver);
+        f.access.lastHCode() = "H00000001\r";
+        f.access.lastFullBlock() = lastFullBlock;
+        f.worker.m_isStopLoopRead = false;
+
+        f.access.readFromCNCController(false);
+
+        QCOMPARE(DriverHushCNCTestAccess::blockData(driver), delivered);
+        QCOMPARE(f.access.lastFullBlock(), lastFullBlock);
+    }
+
+    void stopLoopReadEndsCycleWithoutDelivery()
+    {
+        Fixture f; // a silent controller: the cycle keeps reading
+        SerializedPort serialized(&f.port);
+        f.access.setPort(&serialized);
+        DriverHushCNC driver;
+        f.worker.setDriverInterface(&driver);
+        QThread thread;
+        f.worker.moveToThread(&thread);
+        const auto stopper = qScopeGuard([&thread] {
+            thread.quit();
+            thread.wait(10000);
+        });
+        thread.start();
+
+        QMetaObject::invokeMethod(&f.worker, "startLoopRead", Q_ARG(QStringList, names(2)));
+        QTRY_VERIFY(f.port.readCalls() > 3);
+        QVERIFY(f.worker.m_isLoopReading);
+        // A response arrives only once the stop flag is set; the cycle must not deliver it.
+        f.worker.m_isStopLoopRead = true;
+        f.port.queueRead(responseFrame("00000003", QList<quint32> {5, 6}));
+        f.worker.stopLoopRead();
+
+        QTRY_VERIFY(!f.worker.m_isLoopReading);
+        QVERIFY(f.worker.m_isStopLoopRead);
+        QCOMPARE(f.port.writes().last(), kStopFrame);
+        QVERIFY(DriverHushCNCTestAccess::blockData(driver).isEmpty());
+    }
+
+    // A controller that never goes quiet: the drain gives up, re-sending the stop frame on every
+    // pass from the 27th on.
+    void drainIsBounded()
+    {
+        Fixture f;
+        f.port.setAvailable(10);
+        f.access.checkRxBufAndExit();
+        QCOMPARE(f.port.availableQueries(), 100);
+        QCOMPARE(f.port.writes().size(), 100 - 26);
+        QCOMPARE(f.port.discardCalls(), 101);
+    }
+
+    // Double-word writes of 1001, all ones and a value of one byte (the data ends there), or a
+    // bit write: one frame per value, each right after a discard of the input; a short port
+    // write or a refusal raises the matching error signal.
+    void writes_data()
+    {
+        QTest::addColumn<QString>("address");
+        QTest::addColumn<int>("length");
+        QTest::addColumn<int>("bit");
+        QTest::addColumn<int>("writeResult");
+        QTest::addColumn<QByteArrayList>("frames");
+        QTest::addColumn<int>("errors");
+        const auto dw = [](const char *n, const char *v) {
+            return QByteArray("\x12%\rO9012\r") + n + "\rd" + v + "\r%\x14";
+        };
+        const QByteArrayList set {"\x12%\rO9013\rN00012\rd07\r%\x14"};
+        QTest::newRow("DW99997 x3")
+            << "DW99997" << 3 << -1 << -1
+            << QByteArrayList {dw("N99997", "000003>9"), dw("N99998", "????????"),
+                               dw("N99999", "00000005")}
+            << 0;
+        QTest::newRow("short dword write")
+            << "DW100" << 1 << -1 << 5 << QByteArrayList {dw("N00100", "000003>9")} << 1;
+        QTest::newRow("beyond 99999") << "DW99999" << 2 << -1 << -1 << QByteArrayList() << 1;
+        QTest::newRow("set B12.7") << "B12.7" << 0 << 1 << -1 << set << 0;
+        QTest::newRow("clear B1.99")
+            << "B1.99" << 0 << 0 << -1 << QByteArrayList {"\x12%\rO9014\rN00001\rd99\r%\x14"} << 0;
+        QTest::newRow("short bit write") << "B12.7" << 0 << 1 << 21 << set << 1;
+        QTest::newRow("bit 100 refused") << "B12.100" << 0 << 1 << -1 << QByteArrayList() << 1;
+        QTest::newRow("address 100000 refused")
+            << "B100000.1" << 0 << 1 << -1 << QByteArrayList() << 1;
+    }
+
+    void writes()
+    {
+        QFETCH(QString, address);
+        QFETCH(int, length);
+        QFETCH(int, bit);
+        QFETCH(int, writeResult);
+        QFETCH(QByteArrayList, frames);
+        QFETCH(int, errors);
+        Fixture f;
+        f.port.setWriteResult(writeResult);
+        QList<int> discardsBeforeWrite;
+        f.port.setResponder([&discardsBeforeWrite](ScriptedPort &p, const QByteArray &) {
+            discardsBeforeWrite << p.discardCalls();
+        });
+        QSignalSpy dwordErrors(&f.worker, &DriverHushCNCReaderWriter::setWriteDWordError);
+        QSignalSpy bitErrors(&f.worker, &DriverHushCNCReaderWriter::setWriteBitError);
+
+        if (bit < 0)
+            f.worker.writeDWord(address, length, block({1001, 0xFFFFFFFF}) + '\x05');
+        else
+            f.worker.writeBit(address, bit == 1);
+
+        QCOMPARE(f.port.writes(), frames);
+        QCOMPARE(f.port.discardCalls(), frames.size());
+        for (int i = 0; i < discardsBeforeWrite.size(); ++i)
+            QCOMPARE(discardsBeforeWrite.at(i), i + 1);
+        QCOMPARE(dwordErrors.count(), bit < 0 ? errors : 0);
+        QCOMPARE(bitErrors.count(), bit < 0 ? 0 : errors);
+    }
+
+    // The driver's thread sends stop frames and drains while the worker's thread reads.
+    void serializedPortNeverOverlaps()
+    {
+        OverlapCountingPort port;
+        SerializedPort serialized(&port);
+        auto hammer = [&serialized]() {
+            char buffer[4];
+            QVariant value;
+            for (int i = 0; i < 20000; ++i) {
+                serialized.readData(buffer, 4);
+                serialized.writeData(buffer, 4);
+                serialized.getOption(13, value);
+                serialized.setOption(12, 0);
+            }
+        };
+        std::thread other(hammer);
+        hammer();
+        other.join();
+        QCOMPARE(port.calls.load(), 2 * 4 * 20000);
+        QCOMPARE(port.overlaps.load(), 0);
+    }
+};
 
 QTEST_GUILESS_MAIN(TestWorkerFrames)
 #include "tst_workerframes.moc"

@@ -23,20 +23,19 @@ public:
     bool &cmdJustSent() { return w.m_cmdJustSent; }
     QString &lastHCode() { return w.m_lastHCode; }
     QByteArray &lastFullBlock() { return w.m_lastFullBlock; }
-
     QByteArray packReadBytesCmd() { return w.packReadBytesCmd(); }
     void sendTxBufForRead(const QByteArray &tx) { w.sendTxBufForRead(tx); }
     void checkRxBufAndExit() { w.checkRxBufAndExit(); }
-    void readFromCNCController(bool isResponse, QByteArray *response = nullptr)
+    void readFromCNCController(bool isResponse, QByteArray *out = nullptr)
     {
-        w.readFromCNCController(isResponse, response);
+        w.readFromCNCController(isResponse, out);
     }
 
 private:
     DriverHushCNCReaderWriter &w;
 };
 
-// Reads the driver's double-word cache.
+// Reads and clears the driver's double-word cache.
 class DriverHushCNCTestAccess
 {
 public:
@@ -63,39 +62,6 @@ inline QStringList names(int n, int first = 0)
     return list;
 }
 
-// A value as the controller writes it: eight hexadecimal digits with ':' to '?' for A to F.
-inline QByteArray valueChars(quint32 v)
-{
-    QByteArray text = QByteArray::number(v, 16).rightJustified(8, '0');
-    for (char &c : text) {
-        if (c >= 'a' && c <= 'f')
-            c = char(':' + (c - 'a'));
-    }
-    return text;
-}
-
-// A response frame of 10 * n + 25 bytes: DC2, the H record, the v record, one d record per
-// value (value texts given as sent, so that short or odd texts can be scripted) and a
-// ten-byte end that the worker does not interpret.
-inline QByteArray responseFrame(const QByteArray &hCode, const QList<QByteArray> &valueTexts)
-{
-    QByteArray f;
-    f.append('\x12').append('H').append(hCode).append('\r');
-    f.append('v').append(QByteArray::number(valueTexts.size()).rightJustified(2, '0')).append('\r');
-    for (const QByteArray &v : valueTexts)
-        f.append('d').append(v).append('\r');
-    f.append("%\x14        ");
-    return f;
-}
-
-inline QByteArray responseFrame(const QByteArray &hCode, const QList<quint32> &values)
-{
-    QList<QByteArray> texts;
-    for (quint32 v : values)
-        texts << valueChars(v);
-    return responseFrame(hCode, texts);
-}
-
 // The block the worker builds from values: 4 bytes each, least significant first.
 inline QByteArray block(const QList<quint32> &values)
 {
@@ -105,16 +71,6 @@ inline QByteArray block(const QList<quint32> &values)
             b.append(char((v >> (8 * i)) & 0xFF));
     }
     return b;
-}
-
-inline bool isReadRequest(const QByteArray &bytes)
-{
-    return bytes.startsWith("\x12%\rO9000\rN0\r");
-}
-
-inline bool isStopFrame(const QByteArray &bytes)
-{
-    return bytes == QByteArray("\x12%\rO9000\rN1\r%\x14");
 }
 
 } // namespace WorkerTest
