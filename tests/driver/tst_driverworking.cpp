@@ -44,6 +44,19 @@ QByteArray readUntilData(DriverHushCNC &driver, AbstractDeviceInterface *port,
     return result;
 }
 
+// The host port, counting the delays the driver takes: one per read attempt.
+class CountingPort : public SerialPort
+{
+public:
+    using SerialPort::SerialPort;
+    int getDelay() override
+    {
+        ++delays;
+        return SerialPort::getDelay();
+    }
+    std::atomic<int> delays {0};
+};
+
 } // namespace
 
 class TestDriverWorking : public QObject
@@ -67,13 +80,14 @@ private slots:
             m_sim->setRegister(i, seededValue(i));
         QVERIFY2(m_sim->start(), qPrintable(m_sim->errorString()));
         m_port.reset(
-            new SerialPort(DeviceSetting(DEVICE_SERIAL, m_sim->devicePath(), 38400, 7, 2, 2),
-                           DriverSetting(1000, 0, 0, 0)));
+            new CountingPort(DeviceSetting(DEVICE_SERIAL, m_sim->devicePath(), 38400, 7, 2, 2),
+                             DriverSetting(1000, 0, 0, 0)));
         QVERIFY2(m_port->open(), qPrintable(m_port->errorString()));
     }
 
     void cleanup()
     {
+        QCoreApplication::instance()->setProperty("isExit", QVariant());
         m_port.reset();
         m_sim.reset();
     }
@@ -184,6 +198,56 @@ private slots:
         QCOMPARE(result, seeded(6));
     }
 
+    // An exiting application's screens are not held at the gate.
+    void exitingApplicationIsNotHeld()
+    {
+        DriverHushCNC driver;
+        driver.setSessionCommand({dw(5)});
+        QCOMPARE(readUntilData(driver, port(), dw(5)), seeded(5));
+        QCoreApplication::instance()->setProperty("isExit", true);
+        driver.clearSessionCommand();
+        std::atomic<bool> done(false);
+        std::unique_ptr<QThread> reader(QThread::create([&] {
+            driver.read(port(), dw(6));
+            done = true;
+        }));
+        reader->start();
+        QTRY_VERIFY_WITH_TIMEOUT(done, 10000);
+        reader->wait();
+    }
+
+    // A read that fails is tried getRetry() more times; a negative retry count means one try.
+    void retries_data()
+    {
+        QTest::addColumn<int>("retry");
+        QTest::addColumn<QString>("address");
+        QTest::addColumn<int>("attempts");
+        QTest::addColumn<QByteArray>("value");
+        QTest::newRow("good read") << 2 << "B10800.3" << 1 << QByteArray(1, 1);
+        QTest::newRow("bit beyond the data") << 2 << "B10800.32" << 3 << QByteArray();
+        QTest::newRow("negative retry") << -4 << "B10800.32" << 1 << QByteArray();
+    }
+
+    void retries()
+    {
+        QFETCH(int, retry);
+        QFETCH(QString, address);
+        QFETCH(int, attempts);
+        QFETCH(QByteArray, value);
+        m_port->setDriverSetting(DriverSetting(1000, retry, 0, 0));
+        DriverHushCNC driver;
+        const CommunicatorCommand key
+            = CommunicatorCommand(CommunicatorCommand::BitType, 1, "WriteBitDirectDisable0");
+        QVERIFY(driver.write(port(), key, QByteArray(1, 0))); // starts the worker
+        DriverHushCNCTestAccess(driver).setStreaming({"d10800"}, dwords({0x8}));
+
+        const int before = m_port->delays;
+        const QByteArray result
+            = driver.read(port(), CommunicatorCommand(CommunicatorCommand::BitType, 1, address));
+        QCOMPARE(m_port->delays - before, attempts);
+        QCOMPARE(result, value);
+    }
+
     void destroyWhileLoopReading()
     {
         delete new DriverHushCNC(); // its worker thread never started
@@ -196,10 +260,10 @@ private slots:
     }
 
 private:
-    SerialPort *port() const { return m_port.get(); }
+    CountingPort *port() const { return m_port.get(); }
 
     std::unique_ptr<hustsim::Simulator> m_sim;
-    std::unique_ptr<SerialPort> m_port;
+    std::unique_ptr<CountingPort> m_port;
 };
 
 QTEST_GUILESS_MAIN(TestDriverWorking)
