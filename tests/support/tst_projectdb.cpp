@@ -5,17 +5,8 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
-namespace {
-
-QStringList sqlWarnings;
-
-void recordSqlWarnings(QtMsgType type, const QMessageLogContext &, const QString &message)
-{
-    if (type != QtDebugMsg && type != QtInfoMsg && message.contains(QLatin1String("QSql")))
-        sqlWarnings << message;
-}
-
-} // namespace
+// Qt's SQL warnings (a connection still in use, a query on a closed database) fail the test.
+static QStringList sqlWarnings;
 
 class TestProjectDb : public QObject
 {
@@ -36,7 +27,10 @@ private:
 private slots:
     void initTestCase()
     {
-        qInstallMessageHandler(recordSqlWarnings);
+        qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &text) {
+            if (type != QtDebugMsg && type != QtInfoMsg && text.contains(QLatin1String("QSql")))
+                sqlWarnings << text;
+        });
         QVERIFY(m_tmp.isValid());
         m_project = addConnection("project", m_tmp.filePath("database"));
         {
@@ -77,8 +71,6 @@ private slots:
         QTest::addColumn<int>("port");
         QTest::newRow("ethernet") << "Ethernet0" << 2000;
         QTest::newRow("COM12") << "COM12" << 1011;
-        QTest::newRow("empty") << "" << InvalidHmiPort;
-        QTest::newRow("no number") << "COM" << InvalidHmiPort;
         QTest::newRow("number too large") << "COM2147483647" << InvalidHmiPort;
     }
 
@@ -134,10 +126,6 @@ private slots:
         QTest::newRow("placeholder in ip text")
             << m_project << "10.0.0.%3" << 2000 << false << false << "";
         QTest::newRow("link") << m_project << "" << 2 << false << true << "2:7 2:8";
-        QTest::newRow("link without default") << m_project << "" << 5 << false << false << "";
-        QTest::newRow("link, statement fails") << m_noNodes << "" << 2 << true << true << "9:9";
-        QTest::newRow("endpoint, cannot open")
-            << m_missing << "10.0.0.2" << 2000 << false << false << "";
     }
 
     void stationLists()
