@@ -199,7 +199,6 @@ private slots:
     {
         QTest::addColumn<int>("size");
         QTest::addColumn<bool>("late"); // sent only after the read has started waiting
-        QTest::newRow("silent line") << 0 << false;
         QTest::newRow("one late byte") << 1 << true;
         QTest::newRow("more than the buffer") << 500 << false;
     }
