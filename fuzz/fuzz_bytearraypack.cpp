@@ -30,11 +30,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *input, size_t size)
     const uint8_t *end = input + size;
 
     const FormatModel model = modelFormat(format.c_str(), Op::ByteArrayPack);
-    if (argumentCount(model) > packcall::MaxPackArgs || model.bytes > MaxRecord)
+    if (argumentCount(model) > MaxPackArgs || model.bytes > MaxRecord)
         return 0;
 
     std::vector<std::unique_ptr<unsigned char[]>> arrays;
-    std::vector<PackArg> args;
+    Args args;
     for (const ModelItem &item : model.items) {
         if (!item.takesArgument)
             continue;
@@ -44,17 +44,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *input, size_t size)
         if (!item.array) {
             unsigned int v = 0;
             std::memcpy(&v, arrays.back().get(), size_t(item.width));
-            args.push_back(PackArg::number(v));
-        } else if (item.width == 1) {
-            args.push_back(PackArg::bytes(arrays.back().get()));
-        } else if (item.width == 2) {
-            args.push_back(PackArg::words(arrays.back().get()));
+            args.push_back({v, 0, nullptr});
         } else {
-            args.push_back(PackArg::dwords(arrays.back().get()));
+            args.push_back({0, item.width, arrays.back().get()});
         }
     }
 
-    const QByteArray packed = callByteArrayPack(format.c_str(), args);
+    const QByteArray packed = byteArrayPack(QByteArray::fromStdString(format), args);
     if (model.failed || format.empty()) {
         if (!packed.isEmpty())
             std::abort();
@@ -65,15 +61,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *input, size_t size)
 
     // Unpack into fresh storage and compare with what was packed (zero bytes for x and X).
     std::vector<std::unique_ptr<unsigned char[]>> out;
-    std::vector<UnpackArg> unpackArgs;
+    Args unpackArgs;
     for (const ModelItem &item : model.items) {
         if (!item.takesArgument)
             continue;
         out.emplace_back(new unsigned char[size_t(item.width * item.elements)]());
-        unpackArgs.push_back({item.width, out.back().get()});
+        unpackArgs.push_back({0, item.width, out.back().get()});
     }
-    const int read = callDataUnpack(reinterpret_cast<const unsigned char *>(packed.constData()),
-                                    format.c_str(), unpackArgs);
+    const int read = dataUnpack(packed.constData(), QByteArray::fromStdString(format), unpackArgs);
     if (read != packed.size())
         std::abort();
     size_t arg = 0;
