@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(
-  cmake ninja-build g++ make pkg-config
+  cmake ninja-build g++ make pkg-config ccache
   qtbase5-dev qtbase5-dev-tools libqt5sql5-sqlite
   libbenchmark-dev
   fonts-unifont

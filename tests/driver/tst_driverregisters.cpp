@@ -138,6 +138,7 @@ private slots:
         QCOMPARE(started.at(0).at(0).toStringList(), expected);
 
         driver.updateDWordByteArray(dwords({11, 22}));
+        QCOMPARE(driver.property("deliveredBlocks").toULongLong(), 1ULL);
         QCOMPARE(access.readBlock(dw100), dwords({11, 22}));
         QCOMPARE(started.count(), 1);
         QVERIFY(!driver.hasError());

@@ -189,6 +189,7 @@ DriverHushCNC::DriverHushCNC()
     , m_workerListGeneration(0)
     , m_freshMode(0)
     , m_testCaseCancelled(false)
+    , m_deliveredBlocks(0)
 {
     const QCoreApplication *app = QCoreApplication::instance();
     if (!app || !app->property(RUNTIME_ENV_PROPERTY).isValid())
@@ -608,6 +609,12 @@ void DriverHushCNC::updateDWordByteArray(QByteArray DWordByteArray)
     }
     m_isBlockDataUpdated = true;
     m_currentBlockData = DWordByteArray;
+    ++m_deliveredBlocks;
+}
+
+quint64 DriverHushCNC::deliveredBlocks() const
+{
+    return m_deliveredBlocks;
 }
 
 int DriverHushCNC::freshReadMode(const QStringList &list)

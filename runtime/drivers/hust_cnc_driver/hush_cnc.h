@@ -27,6 +27,9 @@ class DriverHushCNC : public QObject, public DriverInterface
     Q_OBJECT
     Q_PLUGIN_METADATA(IID DriverInterface_iid)
     Q_INTERFACES(DriverInterface)
+    // Blocks taken into the cache since the driver was made. A host that must tell fresh values
+    // from a cache held through a line outage reads it as the property "deliveredBlocks".
+    Q_PROPERTY(quint64 deliveredBlocks READ deliveredBlocks)
 
 public:
     DriverHushCNC();
@@ -116,6 +119,7 @@ private:
     static constexpr int DefaultTestCaseReads = 1000;
 
     void raiseError(const QString &message);
+    quint64 deliveredBlocks() const;
     // Hands the worker the driver and the port and starts its thread; once per driver.
     void startWorker(AbstractDeviceInterface *interface);
     // True in the thread that closed the session gate with clearSessionCommand() and has not
@@ -172,6 +176,7 @@ private:
     QStringList m_freshModeList;
     int m_freshMode;
     std::atomic<bool> m_testCaseCancelled;
+    std::atomic<quint64> m_deliveredBlocks;
 };
 
 #endif // HUSH_CNC_H
