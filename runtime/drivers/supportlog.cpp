@@ -1,3 +1,4 @@
 #include "supportlog.h"
 
-Q_LOGGING_CATEGORY(lcDriverSupport, "hust.support")
+// Warnings only unless QT_LOGGING_RULES asks for more.
+Q_LOGGING_CATEGORY(lcDriverSupport, "hust.support", QtWarningMsg)

@@ -1,3 +1,4 @@
 #include "hostlog.h"
 
-Q_LOGGING_CATEGORY(lcHostSerial, "hust.host")
+// Warnings only unless QT_LOGGING_RULES asks for more.
+Q_LOGGING_CATEGORY(lcHostSerial, "hust.host", QtWarningMsg)

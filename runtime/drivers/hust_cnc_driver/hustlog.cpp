@@ -1,3 +1,4 @@
 #include "hustlog.h"
 
-Q_LOGGING_CATEGORY(lcHustDriver, "hust.driver")
+// Warnings only unless QT_LOGGING_RULES asks for more.
+Q_LOGGING_CATEGORY(lcHustDriver, "hust.driver", QtWarningMsg)
