@@ -73,18 +73,14 @@ void DeviceSetting::setSocketData(const QList<QPair<QString, QString>> &data)
 
 void DeviceSetting::dump() const
 {
+    // One multi-argument arg(), so that a "%n" inside the port name or the address is shown as
+    // it is instead of being filled in by the fields after it.
     qCDebug(lcDriverSupport).noquote()
         << QStringLiteral("type: %1 string: \"%2\" baudrate: %3 databits: %4 stopbits: %5 "
                           "parity: %6 linkID: %7 current ip: \"%8\" current port: %9")
-               .arg(quint32(type))
-               .arg(string)
-               .arg(baudrate)
-               .arg(databits)
-               .arg(stopbits)
-               .arg(parity)
-               .arg(linkID)
-               .arg(socketIP(-1))
-               .arg(port(-1));
+               .arg(QString::number(quint32(type)), string, QString::number(baudrate),
+                    QString::number(databits), QString::number(stopbits), QString::number(parity),
+                    QString::number(linkID), socketIP(-1), QString::number(port(-1)));
 }
 
 DriverSetting::DriverSetting(int timeout, int retry, int stationid, int delay)

@@ -50,10 +50,12 @@ public:
         }
     }
 
-    // "<address>_<dataType>_<length>", e.g. "d100_3_2".
+    // "<address>_<dataType>_<length>", e.g. "d100_3_2". One multi-argument arg(), so that a "%n"
+    // inside the address is kept as text instead of being filled in by the later fields.
     virtual QString stringKey() const
     {
-        return QStringLiteral("%1_%2_%3").arg(address).arg(static_cast<int>(dataType)).arg(length);
+        return QStringLiteral("%1_%2_%3")
+            .arg(address, QString::number(static_cast<int>(dataType)), QString::number(length));
     }
 
     qint32 id = 0; // run-time's own field, copied unchanged

@@ -60,13 +60,26 @@ private slots:
         QCOMPARE(cmd.getDataSize(), size);
     }
 
+    void stringKey_data()
+    {
+        QTest::addColumn<QString>("address");
+        QTest::addColumn<int>("type");
+        QTest::addColumn<uint>("length");
+        QTest::addColumn<QString>("key");
+        QTest::newRow("dword") << "d100" << 3 << 2u << "d100_3_2";
+        QTest::newRow("negative type, large length")
+            << "x" << -2 << 4000000000u << "x_-2_4000000000";
+        // A placeholder inside the address is text, not a slot for the type or length.
+        QTest::newRow("percent in address") << "A%2" << 3 << 2u << "A%2_3_2";
+    }
+
     void stringKey()
     {
-        QCOMPARE(CommunicatorCommand(CommunicatorCommand::DWordType, 2, "d100").stringKey(),
-                 QStringLiteral("d100_3_2"));
-        CommunicatorCommand odd(CommunicatorCommand::BitType, 4000000000u, "x");
-        odd.dataType = CommunicatorCommand::DataType(-2);
-        QCOMPARE(odd.stringKey(), QStringLiteral("x_-2_4000000000"));
+        QFETCH(QString, address);
+        QFETCH(int, type);
+        QFETCH(uint, length);
+        CommunicatorCommand cmd(CommunicatorCommand::DataType(type), length, address);
+        QTEST(cmd.stringKey(), "key");
     }
 
     void signalSlotTable()
@@ -185,6 +198,19 @@ private slots:
         DeviceSetting s(DEVICE_NONE, QString(), 1, 2, 3, 4);
         readInto(bytes, s);
         QCOMPARE(s.sockets.size(), sockets);
+    }
+
+    // A placeholder inside the port name or the address is shown as it is.
+    void dumpText()
+    {
+        QLoggingCategory::setFilterRules(QStringLiteral("hust.support.debug=true"));
+        DeviceSetting s(DEVICE_SERIAL, QStringLiteral("COM%3"), 9600, 7, 2, 2);
+        s.setSocketData({{QStringLiteral("%1.0.0.1"), QStringLiteral("502")}});
+        QTest::ignoreMessage(QtDebugMsg,
+                             "type: 16 string: \"COM%3\" baudrate: 9600 databits: 7 stopbits: 2 "
+                             "parity: 2 linkID: -1 current ip: \"%1.0.0.1\" current port: 502");
+        s.dump();
+        QLoggingCategory::setFilterRules(QString());
     }
 
     // Indices outside the list read as nothing and change nothing; a port that is no number is 0.
