@@ -107,10 +107,21 @@ bool TxPackage::setData(char *bytes, int length)
 
 void TxPackage::setSectionSize(const QList<int> &sizes)
 {
+    // A reference entry counts the length its field holds in the current bytes, as
+    // sectionStartIndex() and sectionSize() read it, so that a section list imposed on received
+    // bytes keeps them whole. The length comes from outside, though: a reference counts no more
+    // than the bytes present from its start, so a damaged length field never makes the package
+    // grow.
     m_sectionSizes = sizes;
+    QList<qint64> starts;
+    QList<int> resolved;
+    if (!sizes.isEmpty())
+        layout(sizes.size() - 1, starts, resolved);
     qint64 total = 0;
-    for (int size : sizes)
-        total += qMax(size, 0);
+    for (int i = 0; i < sizes.size(); ++i) {
+        const qint64 present = qMax<qint64>(m_data->size() - starts.at(i), 0);
+        total += sizes.at(i) >= 0 ? sizes.at(i) : qMin<qint64>(resolved.at(i), present);
+    }
     m_data->resize(int(qMin<qint64>(total, INT_MAX)));
 }
 

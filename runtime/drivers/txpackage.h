@@ -37,8 +37,9 @@ public:
     // Replace the bytes; the section list stays as it is.
     bool setData(const QByteArray &bytes);
     bool setData(char *bytes, int length);
-    // The section list becomes `sizes`; the bytes are resized to the sum of the plain entries
-    // (references count as 0 until the data that holds their length is in place).
+    // The section list becomes `sizes`; the bytes are resized to the sum of the section sizes,
+    // a reference counting the length its field holds but at most the bytes present from its
+    // start (0 until the data that holds their length is in place).
     void setSectionSize(const QList<int> &sizes);
     void clearAll();
 

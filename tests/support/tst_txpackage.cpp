@@ -65,32 +65,60 @@ private slots:
         QCOMPARE(TxPackage::calculateFCS(nullptr, 0), (unsigned char)0);
     }
 
+    // A received frame read field by field: a one-byte header, a length field and a payload of
+    // that length. The section list goes on before the bytes arrive, or after.
+    void imposedSections_data()
+    {
+        QTest::addColumn<QList<int>>("sizes");
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<bool>("sizesLast");
+        QTest::addColumn<int>("section");
+        QTest::addColumn<int>("start");
+        QTest::addColumn<int>("size");
+        QTest::addColumn<QByteArray>("data");
+        QTest::addColumn<int>("total");
+        const QList<int> frame = {1, 4, -1, 1};
+        const QByteArray abc = QByteArray::fromHex("A5030000004142439F");
+        QTest::newRow("payload") << frame << abc << false << 2 << 5 << 3 << QByteArray("ABC") << 9;
+        QTest::newRow("after the payload")
+            << frame << abc << false << 3 << 8 << 1 << QByteArray::fromHex("9F") << 9;
+        QTest::newRow("on an empty package")
+            << frame << QByteArray() << true << 3 << 5 << 1 << QByteArray(1, 0) << 6;
+        // References count the length their field holds, so the received bytes stay whole.
+        QTest::newRow("imposed on received bytes")
+            << frame << abc << true << 3 << 8 << 1 << QByteArray::fromHex("9F") << 9;
+        // A length field past the received bytes does not make the package grow.
+        QTest::newRow("length past the bytes")
+            << QList<int>({1, 4, -1}) << QByteArray::fromHex("A5FFFFFF7F41") << true << 2 << 5
+            << 0x7FFFFFFF << QByteArray("A") << 6;
+        QTest::newRow("negative length") << frame << QByteArray::fromHex("00FFFFFFFF41") << false
+                                         << 2 << 5 << 0 << QByteArray() << 6;
+        const QList<int> odd = {1, 2, -1, -3, -3};
+        const QByteArray shortField = QByteArray::fromHex("A50200414243");
+        QTest::newRow("two-byte length field")
+            << odd << shortField << false << 2 << 3 << 2 << QByteArray("AB") << 6;
+        QTest::newRow("forward reference")
+            << odd << shortField << false << 3 << 5 << 0 << QByteArray() << 6;
+        QTest::newRow("reference to a reference")
+            << odd << shortField << false << 4 << 5 << 0 << QByteArray() << 6;
+    }
+
     void imposedSections()
     {
-        // A received frame: a one-byte header, a length field and a payload of that length.
-        TxPackage frame;
-        frame.setSectionSize({1, 4, -1, 1});
-        QCOMPARE(frame.totalSize(), 6);
-        frame.setData(QByteArray::fromHex("A5030000004142439F"));
-        QCOMPARE(frame.sectionSize(2), 3);
-        QCOMPARE(frame.dataAt(2), QByteArray("ABC"));
-        QCOMPARE(frame.sectionStartIndex(3), 8);
-        QCOMPARE(frame.dataAt(3), QByteArray::fromHex("9F"));
-
-        // Short length field, forward and self references, lengths past the end.
-        frame.setSectionSize({1, 2, -1, -3, -3});
-        frame.setData(QByteArray::fromHex("A50200414243"));
-        QCOMPARE(frame.sectionSize(2), 2);
-        QCOMPARE(frame.sectionSize(3), 0);
-        QCOMPARE(frame.sectionSize(4), 0);
-        frame.setSectionSize({1, 4, -1});
-        frame.setData(QByteArray::fromHex("00FFFFFF7F41"));
-        QCOMPARE(frame.dataAt(2), QByteArray("A"));
-        frame.setData(QByteArray::fromHex("00FFFFFFFF41"));
-        QCOMPARE(frame.sectionSize(2), 0);
-
-        frame.setData(nullptr, 5);
-        QCOMPARE(frame.totalSize(), 0);
+        QFETCH(QList<int>, sizes);
+        QFETCH(QByteArray, bytes);
+        QFETCH(bool, sizesLast);
+        QFETCH(int, section);
+        TxPackage package;
+        if (!sizesLast)
+            package.setSectionSize(sizes);
+        package.setData(bytes);
+        if (sizesLast)
+            package.setSectionSize(sizes);
+        QTEST(package.sectionStartIndex(section), "start");
+        QTEST(package.sectionSize(section), "size");
+        QTEST(package.dataAt(section), "data");
+        QTEST(package.totalSize(), "total");
     }
 };
 
