@@ -50,15 +50,13 @@ private slots:
         QCOMPARE(ExtractPLCDeviceAddress(address.toLatin1(), base), number);
     }
 
-    // Bit numbers past the width change nothing and read as clear.
-    void integerBits()
+    // Bit 32 of a double word is past its width: the shift there is undefined and on x86 would
+    // reach bit 0 instead.
+    void bitPastWidth()
     {
-        QCOMPARE(setBit((unsigned char)0, (unsigned short)8), (unsigned char)0);
-        QCOMPARE(setBit((unsigned char)0, (unsigned short)7), (unsigned char)0x80);
-        QCOMPARE(setBit((unsigned short)1, (unsigned short)16), (unsigned short)1);
-        QVERIFY(getBit(0x80000000u, (unsigned short)31));
-        QVERIFY(!getBit(0xFFFFFFFFu, (unsigned short)32));
-        QCOMPARE(clearBit(0x00800000u, (unsigned short)23), 0u);
+        QCOMPARE(setBit(0u, (unsigned short)32), 0u);
+        QCOMPARE(clearBit(1u, (unsigned short)32), 1u);
+        QVERIFY(!getBit(1u, (unsigned short)32));
     }
 
     void arrayBits_data()

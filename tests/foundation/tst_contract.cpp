@@ -111,16 +111,10 @@ private slots:
                  QList<QByteArray>({"address", "dwordLength", "writeData"}));
     }
 
-    // Error texts that no driver path test raises.
-    void errorMessages()
+    // Word, block and unknown types have no name in the message.
+    void unsupportedTypeNames()
     {
         DriverHushCNC driver;
-        invoke(&driver, "setAddressError");
-        QCOMPARE(driver.getLastError(), QStringLiteral("Get address () error."));
-        invoke(&driver, "setReadError");
-        QCOMPARE(driver.getLastError(), QStringLiteral("Read command error. "));
-        QMetaObject::invokeMethod(&driver, "setOutOfRangeError", Q_ARG(int, -3));
-        QCOMPARE(driver.getLastError(), QStringLiteral("Out of range. (-3)"));
         const QList<QPair<int, QString>> types
             = {{0, "Bit Type"}, {2, ""}, {3, "Double Word Type"}, {4, "Quad Word Type"}, {9, ""}};
         for (const auto &t : types) {
@@ -178,25 +172,31 @@ private slots:
         QCOMPARE(streamed(r), expected);
     }
 
+    // Fields the stream did not reach read as zero or empty, whatever the object held before.
     void damagedStreams_data()
     {
         QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<int>("baudrate");
         QTest::addColumn<int>("sockets");
         const QByteArray head = streamed(16, QStringLiteral("COM1"), 38400, 7, 2, 2, 0, -1, 0);
         const QByteArray entry = streamed(-1, QStringLiteral("h"), quint16(7));
-        QTest::newRow("cut in the name") << head.left(7) << 0;
-        QTest::newRow("no socket count") << head << 0;
-        QTest::newRow("huge count, one entry") << head + entry << 1;
-        QTest::newRow("huge count, cut entry") << head + entry + streamed(100) << 1;
-        QTest::newRow("huge string length") << streamed(16, 0x7FFFFFF0) + "abc" << 0;
+        QTest::newRow("cut in the name") << head.left(7) << 0 << 0;
+        QTest::newRow("no socket count") << head << 38400 << 0;
+        QTest::newRow("huge count, one entry") << head + entry << 38400 << 1;
+        QTest::newRow("huge count, cut entry") << head + entry + streamed(100) << 38400 << 1;
+        QTest::newRow("huge string length") << streamed(16, 0x7FFFFFF0) + "abc" << 0 << 0;
     }
 
     void damagedStreams()
     {
         QFETCH(QByteArray, bytes);
+        QFETCH(int, baudrate);
         QFETCH(int, sockets);
         DeviceSetting s(DEVICE_NONE, QString(), 1, 2, 3, 4);
+        s.setSocketData({{QStringLiteral("a"), QStringLiteral("1")},
+                         {QStringLiteral("b"), QStringLiteral("2")}});
         readInto(bytes, s);
+        QCOMPARE(s.baudrate, baudrate);
         QCOMPARE(s.sockets.size(), sockets);
     }
 
