@@ -20,6 +20,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <termios.h>
+#include <time.h>
 #include <unistd.h>
 
 using namespace hustsim;
@@ -169,6 +170,22 @@ QByteArray readRequest(const QList<int> &indices)
     return frame + "%\x14";
 }
 
+// The value of eight value characters.
+quint32 valueOf(const QByteArray &text)
+{
+    quint32 value = 0;
+    for (char c : text)
+        value = value * 16 + quint32(c - '0');
+    return value;
+}
+
+quint32 monotonicMs()
+{
+    timespec now {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return quint32(qint64(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000);
+}
+
 QList<QByteArray> valueTextsOf(const QByteArray &frame)
 {
     QList<QByteArray> texts;
@@ -265,10 +282,8 @@ private slots:
             m_client.readFrame([&](const QByteArray &f) { return f.size() == size; })};
         while (frames.size() < 9 && !frames.last().isEmpty())
             frames.append(m_client.readFrame());
-        // Double word 0 counts the frames sent; each value character stands for '0' + digit.
-        quint32 base = 0;
-        for (char c : valueTextsOf(frames.at(0)).value(0))
-            base = base * 16 + quint32(c - '0');
+        // Double word 0 counts the frames sent.
+        const quint32 base = valueOf(valueTextsOf(frames.at(0)).value(0));
         for (int i = 0; i < frames.size(); ++i) {
             QList<quint32> expected = values;
             if (indices.contains(0))
@@ -380,7 +395,7 @@ private slots:
     void faultsShapeFrames_data()
     {
         QTest::addColumn<QString>("fault");
-        for (const char *fault : {"garbage", "repeated H", "short values", "cut"})
+        for (const char *fault : {"garbage", "repeated H", "short values", "cut", "lost stop"})
             QTest::newRow(fault) << QString::fromLatin1(fault);
     }
     void faultsShapeFrames()
@@ -392,11 +407,15 @@ private slots:
         faults.hCodeRepeat = fault == "repeated H" ? 3 : 1;
         faults.shortValueProbability = fault == "short values" ? 1.0 : 0.0;
         faults.cutProbability = fault == "cut" ? 1.0 : 0.0;
+        faults.loseStopProbability = fault == "lost stop" ? 1.0 : 0.0;
         startSimulator();
         const QList<quint32> values {0x12345678, 0xABCDEF01};
         m_sim->setRegister(10, values.at(0));
         m_sim->setRegister(11, values.at(1));
         QVERIFY(m_client.send(kWorkedRequest));
+        // A lost stop frame leaves the stream running.
+        if (fault == "lost stop")
+            QVERIFY(sendAndWait(kStop, FrameKind::Stop));
         QByteArray received;
         QTRY_VERIFY_WITH_TIMEOUT((received += m_client.readFor(20)).count('\x12') > 31, 5000);
         // Whatever precedes the first DC2 and follows the last may be cut by the reading.
@@ -506,7 +525,7 @@ private slots:
         QProcess sim;
         sim.start(HUST_SIM_PATH,
                   {"--no-pace", "--no-counter", "--link", link, "--log", log, "--set", "10=0x1A",
-                   "--set", "0=7"});
+                   "--set", "0=7", "--clock", "11"});
         QVERIFY(sim.waitForStarted());
         QTRY_VERIFY_WITH_TIMEOUT(sim.canReadLine(), 10000);
         const QByteArray first = sim.readLine().trimmed();
@@ -514,8 +533,13 @@ private slots:
         QCOMPARE(QFileInfo(link).symLinkTarget(), QString::fromLatin1(first.mid(4)));
 
         QVERIFY(m_client.open(link));
-        QVERIFY(m_client.send(readRequest({10, 0})));
-        QVERIFY(isResponse(m_client.readFrame(), {26, 7}));
+        // Double word 11 holds the monotonic clock in ms as the frame is formatted.
+        const quint32 before = monotonicMs();
+        QVERIFY(m_client.send(readRequest({10, 0, 11})));
+        const QByteArray frame = m_client.readFrame();
+        const quint32 clock = valueOf(valueTextsOf(frame).value(2));
+        QVERIFY(clock - before <= monotonicMs() - before);
+        QVERIFY(isResponse(frame, {26, 7, clock}));
         QVERIFY(m_client.send(QByteArray("\x12%\rO9000\rN1\r%\x14")));
         QVERIFY(m_client.drainUntilQuiet());
         m_client.close();
@@ -533,7 +557,7 @@ private slots:
             objects.append(QJsonDocument::fromJson(lines.readLine()).object());
         QCOMPARE(objects.size(), 2);
         QCOMPARE(objects.at(0).value("kind").toString(), QStringLiteral("read_request"));
-        QCOMPARE(objects.at(0).value("addresses").toArray(), (QJsonArray {10, 0}));
+        QCOMPARE(objects.at(0).value("addresses").toArray(), (QJsonArray {10, 0, 11}));
         QCOMPARE(objects.at(1).value("kind").toString(), QStringLiteral("stop"));
     }
 

@@ -87,4 +87,10 @@ int FaultInjector::cutPosition(int size)
     return std::uniform_int_distribution<int>(1, size - 1)(m_random);
 }
 
+bool FaultInjector::losesStop()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return strikes(m_settings.loseStopProbability);
+}
+
 } // namespace hustsim

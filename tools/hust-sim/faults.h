@@ -33,6 +33,8 @@ public:
     QVector<int> valueDigits(int count);
     // Where to cut a frame of `size` bytes (1..size-1), or -1 to send it whole.
     int cutPosition(int size);
+    // Whether the stop frame just received is to be ignored.
+    bool losesStop();
 
 private:
     bool strikes(double probability);

@@ -194,6 +194,11 @@ bool parseCommandLine(const QStringList &args, CommandLine *out, QString *reason
                 return false;
         } else if (option == QLatin1String("--no-counter")) {
             config.frameCounter = false;
+        } else if (option == QLatin1String("--clock")) {
+            if (!value(&v))
+                return false;
+            if (!parseIndex(v, &config.clockRegister))
+                return bad(v);
         } else if (option == QLatin1String("--log")) {
             if (!value(&out->logFile))
                 return false;
@@ -230,6 +235,11 @@ bool parseCommandLine(const QStringList &args, CommandLine *out, QString *reason
             if (!value(&v))
                 return false;
             if (!parseProbability(v, &config.faults.cutProbability))
+                return bad(v);
+        } else if (option == QLatin1String("--lose-stop")) {
+            if (!value(&v))
+                return false;
+            if (!parseProbability(v, &config.faults.loseStopProbability))
                 return bad(v);
         } else if (option == QLatin1String("--cable-pull")) {
             if (!value(&v))
@@ -283,6 +293,8 @@ QString usageText()
         "  --programs DIR       every regular file in DIR is one program, named after it\n"
         "  --current NAME       the current program (default: the first by name)\n"
         "  --no-counter         do not count sent frames in double word 0\n"
+        "  --clock N            double word N holds the monotonic clock in ms (low 32 bits)\n"
+        "                       as each response frame is formatted\n"
         "  --log FILE           write every received frame as a JSON line\n"
         "Faults (random ones drawn from --seed N):\n"
         "  --silence            answer nothing\n"
@@ -290,6 +302,7 @@ QString usageText()
         "  --repeat-h K         each H code on K consecutive frames\n"
         "  --short-values P     d records of 5..7 characters with chance P each\n"
         "  --cut P              frames cut off part way with chance P\n"
+        "  --lose-stop P        ignore a received stop frame with chance P (1: every one)\n"
         "  --cable-pull A:D     after A ms, drop the line for D ms\n"
         "  --hangup A:D         after A ms, close the pty for D ms, then open a new one\n");
 }

@@ -300,6 +300,8 @@ void Simulator::Private::queueStreamFrame()
     const quint64 serial = framesBuilt++;
     if (config.frameCounter)
         memory.set(0, quint32(serial + 1));
+    if (config.clockRegister >= 0)
+        memory.set(config.clockRegister, quint32(monotonicNanos() / kNanosPerMs));
     const quint32 hCode = quint32(serial / quint64(faults.hCodeRepeat()));
     const QVector<quint32> values = memory.values(streamList);
     QByteArray frame = buildRegisterResponse(hCode, values, faults.valueDigits(values.size()));
@@ -321,7 +323,10 @@ void Simulator::Private::handleRequest(Request &&request)
         streaming = true;
         break;
     case FrameKind::Stop:
-        streaming = false;
+        if (faults.losesStop())
+            qCDebug(lcSim) << "stop frame lost";
+        else
+            streaming = false;
         break;
     case FrameKind::WriteDWord:
         memory.set(request.addresses.value(0), request.values.value(0));

@@ -74,6 +74,7 @@ struct FaultSettings
     int hCodeRepeat = 1; // each H code is carried by this many consecutive frames
     double shortValueProbability = 0.0; // chance per d record of 5..7 value characters
     double cutProbability = 0.0; // chance per frame of being cut off at a random byte
+    double loseStopProbability = 0.0; // chance that a received stop frame is ignored
 };
 
 struct SimulatorConfig
@@ -84,6 +85,9 @@ struct SimulatorConfig
     bool paced = true;
     double speed = 1.0; // multiplies the line's character rate
     bool frameCounter = true; // double word 0 counts the response frames sent
+    // Double word that holds CLOCK_MONOTONIC in milliseconds (low 32 bits) as each response frame
+    // is formatted, so that a reader on the same machine can tell how old a value is; -1: none.
+    int clockRegister = -1;
     quint64 seed = 1;
     FaultSettings faults;
 };
