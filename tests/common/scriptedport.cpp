@@ -39,6 +39,12 @@ void ScriptedPort::setAvailable(int bytes)
     m_available = bytes;
 }
 
+void ScriptedPort::setIdleRead(const QByteArray &bytes)
+{
+    QMutexLocker lock(&m_mutex);
+    m_idleRead = bytes;
+}
+
 QList<QByteArray> ScriptedPort::writes() const
 {
     QMutexLocker lock(&m_mutex);
@@ -91,8 +97,13 @@ int ScriptedPort::takeChunk(char *data, int maxSize)
 {
     QMutexLocker lock(&m_mutex);
     ++m_readCalls;
-    if (m_reads.isEmpty() || maxSize <= 0)
+    if (maxSize <= 0)
         return 0;
+    if (m_reads.isEmpty()) {
+        const int n = qMin(maxSize, m_idleRead.size());
+        std::memcpy(data, m_idleRead.constData(), size_t(n));
+        return n;
+    }
     QByteArray &head = m_reads.first();
     const int n = qMin(maxSize, head.size());
     std::memcpy(data, head.constData(), size_t(n));

@@ -24,6 +24,8 @@ public:
     void setResponder(std::function<void(ScriptedPort &, const QByteArray &)> responder);
     void setWriteResult(int result); // -1: report the full length (default)
     void setAvailable(int bytes); // what getOption(13) reports
+    // What a read returns when nothing is queued, as a line held in break reads NUL bytes.
+    void setIdleRead(const QByteArray &bytes);
     void setRetry(int retry) { m_retry = retry; }
     void setDelay(int delay) { m_delay = delay; }
 
@@ -55,6 +57,7 @@ private:
     std::function<void(ScriptedPort &, const QByteArray &)> m_responder;
     int m_writeResult = -1;
     int m_available = 0;
+    QByteArray m_idleRead;
     int m_readCalls = 0;
     int m_discardCalls = 0;
     int m_availableQueries = 0;

@@ -242,6 +242,11 @@ private slots:
             << 2 << false << true << QByteArrayList {oldFrame.right(17) + newFrame} << QByteArray()
             << block({3, 4}) << 0 << 0 << 0;
         // Right after a request the old H code means the controller has not seen it yet: resend.
+        // The first two records of a longer frame of the list before match; its count does not.
+        QTest::newRow("frame of a longer list")
+            << 2 << false << true
+            << QByteArrayList {responseFrame("00000009", QList<quint32> {7, 8, 9}) + newFrame}
+            << QByteArray() << block({3, 4}) << 0 << 0 << 0;
         QTest::newRow("stale H code after a request")
             << 2 << false << true << QByteArrayList {oldFrame} << newFrame << block({3, 4}) << 0
             << 1 << 0;
@@ -305,11 +310,21 @@ private slots:
             QCOMPARE(f.port.readCalls(), readCalls);
     }
 
-    // An immediate read on a silent line ends after three restarts, so that its caller is never
-    // held for long. It stops the stream before asking and leaves the loop state alone.
+    // An immediate read on a silent line, or on one held in break (reads bring NUL bytes), ends
+    // after three restarts, so that its caller is never held for long. It stops the stream
+    // before asking and leaves the loop state alone.
+    void immediateReadOnSilentLine_data()
+    {
+        QTest::addColumn<QByteArray>("idleRead");
+        QTest::newRow("silent") << QByteArray();
+        QTest::newRow("held in break") << QByteArray(4, '\0');
+    }
+
     void immediateReadOnSilentLine()
     {
+        QFETCH(QByteArray, idleRead);
         Fixture f;
+        f.port.setIdleRead(idleRead);
         QSignalSpy timeoutSpy(&f.worker, &DriverHushCNCReaderWriter::setReadLoopTimeoutError);
         QByteArray response("untouched");
 

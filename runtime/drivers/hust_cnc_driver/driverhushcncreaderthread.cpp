@@ -417,14 +417,18 @@ void DriverHushCNCReaderWriter::readFromCNCController(bool isResponse, QByteArra
             tmpSize = std::max(tmpSize, 30);
         const int asked = collecting ? MaxReadSize : tmpSize;
         const int got = readChunk(asked);
-        if (got == 0) {
+        // Bytes count up to the first NUL only. A read that appends nothing counts as empty even
+        // when it returned bytes: a line held in break reads as NUL bytes, and the cycle must
+        // stay bounded on it.
+        const int appended = int(qstrnlen(m_rxChunk, uint(asked)));
+        if (appended == 0) {
             const EmptyRead rule = countEmptyRead();
             if (rule == EmptyRead::GiveUp)
                 return;
             if (rule == EmptyRead::Restarted)
                 continue;
         }
-        rxBuf.append(m_rxChunk, int(qstrnlen(m_rxChunk, uint(asked))));
+        rxBuf.append(m_rxChunk, appended);
         if (collecting) {
             tmpSize -= got;
             continue;
@@ -450,6 +454,12 @@ void DriverHushCNCReaderWriter::readFromCNCController(bool isResponse, QByteArra
             position = matcher.searchBackward(rxBuf);
         }
 
+        // The pattern admits any two digits in the v record, so the first N records of a longer
+        // frame of the previous list would match; its fresh H code passes the stale check when
+        // the stop frame was lost. Only a count equal to N is taken, which well-formed streams
+        // never notice.
+        if (position > 0 && !matcher.countIs(n))
+            position = -1;
         if (position <= 0) {
             const int p = rxBuf.lastIndexOf(HustFrames::DC2);
             if (p > 0) {

@@ -143,6 +143,11 @@ QString ResponseMatcher::hRecord() const
     return m_regExp.cap(1);
 }
 
+bool ResponseMatcher::countIs(int n) const
+{
+    return m_regExp.cap(2) == QString::asprintf("v%02d\r", n);
+}
+
 QStringList ResponseMatcher::valueTexts() const
 {
     QString records = m_regExp.cap(0);

@@ -62,6 +62,8 @@ public:
     // Of the last successful search: the H record with its CR, and the value texts of the d
     // records in record order (with ':' to '?' written as 'A' to 'F').
     QString hRecord() const;
+    // Whether the v record of the last successful search counts n records.
+    bool countIs(int n) const;
     QStringList valueTexts() const;
 
 private:
