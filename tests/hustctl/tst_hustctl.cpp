@@ -169,21 +169,20 @@ private slots:
 
         QTest::newRow("words are halves of double words")
             << "--sim-set 100=0x56781234 read DW100 -t word -c 2 --json"
-            << QByteArray(
-                   "{\"address\": \"DW100\", \"type\": \"word\", \"values\": [4660, 22136]}\n");
+            << QByteArray("{\"address\":\"DW100\",\"type\":\"word\",\"values\":[4660,22136]}\n");
         QTest::newRow("top bit of a register, options after the command word")
             << "read B10.31 --json --sim-set=10=0x80000000"
-            << QByteArray("{\"address\": \"B10.31\", \"type\": \"bit\", \"values\": [1]}\n");
+            << QByteArray("{\"address\":\"B10.31\",\"type\":\"bit\",\"values\":[1]}\n");
         QTest::newRow("human-readable")
             << "--sim-set 7=26 read DW7 -c 2"
             << QByteArray("DW7  26 (0x0000001a)\nDW8  0 (0x00000000)\n");
         QTest::newRow("consecutive double words")
             << "--json write B300 1 0x10 -1"
-            << QByteArray("{\"address\": \"B300\", \"type\": \"dword\", \"values\": [1, 16, "
-                          "4294967295]}\n");
+            << QByteArray(
+                   "{\"address\":\"B300\",\"type\":\"dword\",\"values\":[1,16,4294967295]}\n");
         QTest::newRow("set a bit")
             << "--sim-set 10=0x1 write B10.3 1 --json"
-            << QByteArray("{\"address\": \"B10.3\", \"type\": \"bit\", \"values\": [1]}\n");
+            << QByteArray("{\"address\":\"B10.3\",\"type\":\"bit\",\"values\":[1]}\n");
     }
 
     void readAndWrite()
@@ -195,18 +194,57 @@ private slots:
         QCOMPARE(run.out, out);
     }
 
-    // Without a terminal the refreshes are plain lines, one per refresh.
+    // Without a terminal the refreshes are plain lines, one per refresh, then the statistics.
     void watch()
     {
         const Run run = hustctl(words(
             "--no-pace watch DW100 I5 B10.3 -n 2 -l 50 --sim-set 100=5 --sim-set 10800=0x20"));
         QVERIFY2(run.status == 0, describe(run));
         const QList<QByteArray> lines = run.out.trimmed().split('\n');
-        QCOMPARE(lines.size(), 2);
+        QCOMPARE(lines.size(), 3);
         const QRegularExpression refresh(
             QStringLiteral("^[0-9]+\\.[0-9]{3}  DW100=5  I5=1  B10\\.3=0$"));
-        for (const QByteArray &l : lines)
+        for (const QByteArray &l : lines.mid(0, 2))
             QVERIFY2(refresh.match(QString::fromUtf8(l)).hasMatch(), l.constData());
+        QVERIFY2(lines.last().startsWith("2 refreshes, 0 with an error, "), lines.last());
+    }
+
+    // Through a pulled cable: the held values are marked with the driver's message from the
+    // first error until fresh blocks flow again, and the statistics count those refreshes.
+    void watchOutage()
+    {
+        hustsim::SimulatorConfig config;
+        config.paced = false;
+        hustsim::Simulator sim(config);
+        QVERIFY2(sim.start(), qPrintable(sim.errorString()));
+        QProcess process;
+        process.start(QStringLiteral(HUSTCTL_PATH),
+                      words("--json watch DW0 -l 100 -n 70 -p") << sim.devicePath());
+        QTRY_VERIFY_WITH_TIMEOUT(process.canReadLine(), 10000);
+        sim.pullCable(4000);
+        QVERIFY(process.waitForFinished(30000));
+        QCOMPARE(process.exitCode(), 1);
+        QVERIFY(process.readAllStandardError().startsWith("hustctl: stale values on "));
+
+        const QList<QByteArray> lines = process.readAllStandardOutput().trimmed().split('\n');
+        QCOMPARE(lines.size(), 71);
+        QString marks;
+        double previous = -1;
+        for (const QByteArray &line : lines.mid(0, 70)) {
+            const QJsonObject refresh = QJsonDocument::fromJson(line).object();
+            const double value = refresh["values"].toObject()["DW0"].toDouble(-1);
+            const bool stale = refresh.contains("error");
+            // A stale refresh shows the cache the driver held, so the counter stands still.
+            QVERIFY2(!stale || (refresh["error"] == "Read Time Out" && value == previous), line);
+            marks += stale ? 'S' : '.';
+            previous = value;
+        }
+        QVERIFY2(QRegularExpression("^\\.+S+\\.+$").match(marks).hasMatch(), qPrintable(marks));
+        const QJsonObject summary
+            = QJsonDocument::fromJson(lines.last()).object()["summary"].toObject();
+        QCOMPARE(summary["refreshes"].toInt(), 70);
+        QCOMPARE(summary["errorRefreshes"].toInt(), marks.count('S'));
+        QVERIFY2(summary["longestGapSeconds"].toDouble() >= 3.5, lines.last());
     }
 
     void demo()

@@ -1,9 +1,11 @@
 #include "addressing.h"
+#include "freshness.h"
 #include "output.h"
 
 #include <QtTest>
 
-// Address rules and output cases that the process tests of hustctl do not reach.
+// Address rules, output cases and the staleness rule of watch, which the process tests of hustctl
+// do not reach row by row.
 class TestHustctlAddressing : public QObject
 {
     Q_OBJECT
@@ -61,8 +63,46 @@ private slots:
     {
         QCOMPARE(decodeValues(QByteArray::fromHex("01000000ff"), ValueType::DWord),
                  QVector<quint32> {1});
-        QCOMPARE(watchJson(1.5, {{"DW100", 7u}, {"I5", std::nullopt}}),
-                 QStringLiteral("{\"t\": 1.500, \"values\": {\"DW100\": 7, \"I5\": null}}"));
+        QCOMPARE(jsonLine(watchJson(1.5, {{"DW100", 7u}, {"I5", std::nullopt}}, QString())),
+                 QStringLiteral("{\"t\":1.5,\"values\":{\"DW100\":7,\"I5\":null}}"));
+    }
+
+    // Refreshes 100 ms apart: the driver's block count, and "e" when a call saw an error.
+    void freshness_data()
+    {
+        QTest::addColumn<QString>("refreshes");
+        QTest::addColumn<QString>("stale");
+        QTest::addColumn<int>("longestGapMs");
+
+        QTest::newRow("an error latches until the count moves") << "1 1e 1 1 2 2"
+                                                                << ".SSS.." << 400;
+        QTest::newRow("error and fresh block in one refresh") << "1 2e 2 3"
+                                                              << "...." << 200;
+        QTest::newRow("an error after the recovery") << "1 1e 2 2e 2"
+                                                     << ".S.SS" << 200;
+        QTest::newRow("outage to the end") << "0e 0 0"
+                                           << "SSS" << 300;
+    }
+
+    void freshness()
+    {
+        QFETCH(QString, refreshes);
+        QFETCH(QString, stale);
+        QFETCH(int, longestGapMs);
+        Freshness freshness(0, 0);
+        QString marks;
+        qint64 ms = 0;
+        for (QString step : refreshes.split(' ')) {
+            ms += 100;
+            const bool error = step.endsWith('e');
+            if (error)
+                step.chop(1);
+            marks += freshness.refresh(ms, step.toULongLong(), error ? "Read Time Out" : "") ? 'S'
+                                                                                             : '.';
+        }
+        QCOMPARE(marks, stale);
+        QCOMPARE(freshness.staleRefreshes(), int(stale.count('S')));
+        QCOMPARE(freshness.longestGapMs(ms), qint64(longestGapMs));
     }
 };
 

@@ -6,6 +6,7 @@
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QTimer>
+#include <QVariant>
 
 DriverHost::DriverHost(DriverInterface *driver, AbstractDeviceInterface *port)
     : m_driver(driver)
@@ -25,13 +26,25 @@ DriverHost::ReadResult DriverHost::readOnce(const CommunicatorCommand &command)
     result.data = m_driver->read(m_port, command);
     // Let errors that the worker raised through queued signals reach the driver first.
     QCoreApplication::processEvents();
-    if (!result.data.isEmpty()) {
+    result.error = pendingError();
+    if (!result.data.isEmpty())
         result.outcome = ReadResult::Data;
-    } else if (m_driver->hasError()) {
+    else if (!result.error.isEmpty())
         result.outcome = ReadResult::Error;
-        result.error = m_driver->getLastError();
-    }
     return result;
+}
+
+quint64 DriverHost::deliveredBlocks() const
+{
+    return m_driver->getThisObject()->property("deliveredBlocks").toULongLong();
+}
+
+QString DriverHost::pendingError() const
+{
+    if (!m_driver->hasError())
+        return QString();
+    const QString message = m_driver->getLastError().trimmed();
+    return message.isEmpty() ? QStringLiteral("the driver reports an error") : message;
 }
 
 DriverHost::ReadResult DriverHost::poll(const CommunicatorCommand &command, int timeoutMs)
@@ -51,9 +64,10 @@ DriverHost::ReadResult DriverHost::poll(const CommunicatorCommand &command, int 
 
 bool DriverHost::write(const CommunicatorCommand &command, const QByteArray &data, QString *error)
 {
-    if (m_driver->write(m_port, command, data))
+    const bool accepted = m_driver->write(m_port, command, data);
+    *error = pendingError();
+    if (accepted)
         return true;
-    *error = m_driver->hasError() ? m_driver->getLastError() : QString();
     if (error->isEmpty())
         *error = QStringLiteral("the driver refused the write");
     return false;

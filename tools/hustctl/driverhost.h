@@ -24,11 +24,15 @@ public:
     {
         enum Outcome { Data, Error, TimedOut } outcome = TimedOut;
         QByteArray data;
+        // The driver's message when hasError() was true after the call, with data or without.
         QString error;
     };
 
     // One read call. An empty answer without a pending error means "not yet" (Outcome TimedOut).
     ReadResult readOnce(const CommunicatorCommand &command);
+    // The number of blocks the driver has taken into its cache: it advances only while fresh
+    // data comes from the controller.
+    quint64 deliveredBlocks() const;
     // Reads until data arrives, the driver reports an error or timeoutMs pass.
     ReadResult poll(const CommunicatorCommand &command, int timeoutMs);
     // Hands a write to the driver; false with the driver's message when it refuses.
@@ -41,6 +45,9 @@ public:
     static void pause(int ms);
 
 private:
+    // The driver's message when it has an error pending, as the run-time asks after every call.
+    QString pendingError() const;
+
     DriverInterface *m_driver;
     AbstractDeviceInterface *m_port;
 };

@@ -1,5 +1,8 @@
 #include "output.h"
 
+#include <QJsonArray>
+#include <QJsonDocument>
+
 #include <algorithm>
 
 QVector<quint32> decodeValues(const QByteArray &data, ValueType type)
@@ -15,39 +18,32 @@ QVector<quint32> decodeValues(const QByteArray &data, ValueType type)
     return values;
 }
 
-QString jsonString(const QString &text)
+QJsonObject readJson(const QString &address, ValueType type, const QVector<quint32> &values)
 {
-    QString out = QStringLiteral("\"");
-    for (const QChar c : text) {
-        if (c == QLatin1Char('"') || c == QLatin1Char('\\'))
-            out += QLatin1Char('\\') + c;
-        else if (c.unicode() < 0x20)
-            out += QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0'));
-        else
-            out += c;
-    }
-    return out + QLatin1Char('"');
-}
-
-QString readJson(const QString &address, ValueType type, const QVector<quint32> &values)
-{
-    QStringList numbers;
+    QJsonArray numbers;
     for (quint32 v : values)
-        numbers << QString::number(v);
-    return QStringLiteral("{\"address\": %1, \"type\": %2, \"values\": [%3]}")
-        .arg(jsonString(address), jsonString(typeName(type)), numbers.join(QStringLiteral(", ")));
+        numbers.append(double(v));
+    return QJsonObject {{QStringLiteral("address"), address},
+                        {QStringLiteral("type"), typeName(type)},
+                        {QStringLiteral("values"), numbers}};
 }
 
-QString watchJson(double seconds, const QList<WatchValue> &values)
+QJsonObject watchJson(double seconds, const QList<WatchValue> &values, const QString &error)
 {
-    QStringList members;
-    for (const WatchValue &v : values) {
-        members << jsonString(v.key) + QStringLiteral(": ")
-                + (v.value ? QString::number(*v.value) : QStringLiteral("null"));
-    }
-    return QStringLiteral("{\"t\": %1, \"values\": {%2}}")
-        .arg(seconds, 0, 'f', 3)
-        .arg(members.join(QStringLiteral(", ")));
+    QJsonObject members;
+    for (const WatchValue &v : values)
+        members.insert(v.key, v.value ? QJsonValue(double(*v.value)) : QJsonValue());
+    // Milliseconds are the clock's resolution.
+    QJsonObject line {{QStringLiteral("t"), qRound64(seconds * 1000.0) / 1000.0},
+                      {QStringLiteral("values"), members}};
+    if (!error.isEmpty())
+        line.insert(QStringLiteral("error"), error);
+    return line;
+}
+
+QString jsonLine(const QJsonObject &object)
+{
+    return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
 }
 
 QString formatValue(quint32 value, ValueType type)

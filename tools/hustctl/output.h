@@ -4,6 +4,7 @@
 #include "addressing.h"
 
 #include <QByteArray>
+#include <QJsonObject>
 #include <QList>
 #include <QString>
 #include <QVector>
@@ -14,8 +15,8 @@
 // double word. Trailing bytes that do not fill a value are ignored.
 QVector<quint32> decodeValues(const QByteArray &data, ValueType type);
 
-// {"address": "DW100", "type": "dword", "values": [1, 2]}
-QString readJson(const QString &address, ValueType type, const QVector<quint32> &values);
+// {"address":"DW100","type":"dword","values":[1,2]}
+QJsonObject readJson(const QString &address, ValueType type, const QVector<quint32> &values);
 
 // One watched value of a refresh; no value when the driver had no data for it.
 struct WatchValue
@@ -24,16 +25,16 @@ struct WatchValue
     std::optional<quint32> value;
 };
 
-// {"t": 1.234, "values": {"DW100": 1, "I5": 0}}
-QString watchJson(double seconds, const QList<WatchValue> &values);
+// {"t":1.234,"values":{"DW100":1,"I5":0}}, with "error": the driver's message while stale.
+QJsonObject watchJson(double seconds, const QList<WatchValue> &values, const QString &error);
+
+// The object as one compact line of text, without the line feed.
+QString jsonLine(const QJsonObject &object);
 
 // A human-readable value: decimal, with the hexadecimal form for words and double words.
 QString formatValue(quint32 value, ValueType type);
 
 // Left-aligned columns, two blanks apart.
 QStringList formatTable(const QList<QStringList> &rows);
-
-// Quotes and escapes a text for JSON.
-QString jsonString(const QString &text);
 
 #endif // HUSTCTL_OUTPUT_H

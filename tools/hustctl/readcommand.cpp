@@ -19,7 +19,7 @@ int ReadCommand::run(CommandEnv &env)
         return fail(env.err, error);
 
     if (env.options.json) {
-        env.out << readJson(m_target.text(), m_target.type(), values) << '\n';
+        env.out << jsonLine(readJson(m_target.text(), m_target.type(), values)) << '\n';
         return 0;
     }
     QList<QStringList> rows;

@@ -76,14 +76,15 @@ bool readTargetNow(DriverHost &host, const Target &target, QVector<quint32> *val
 {
     values->clear();
     error->clear();
+    bool complete = true;
     for (const DriverRequest &request : target.readRequests()) {
         const DriverHost::ReadResult result = host.readOnce(request.command);
-        if (result.outcome == DriverHost::ReadResult::Error)
-            *error = QStringLiteral("%1: %2").arg(request.command.address, result.error);
-        if (result.outcome != DriverHost::ReadResult::Data)
-            return false;
-        if (!takeValues(request, target.type(), result.data, values, error))
-            return false;
+        if (!result.error.isEmpty())
+            *error = result.error;
+        QString shortAnswer;
+        if (result.outcome != DriverHost::ReadResult::Data
+            || !takeValues(request, target.type(), result.data, values, &shortAnswer))
+            complete = false;
     }
-    return true;
+    return complete;
 }

@@ -19,7 +19,8 @@ int screenDoubleWords(const QList<Target> &targets);
 bool readTarget(DriverHost &host, const Target &target, int timeoutMs, QVector<quint32> *values,
                 QString *error);
 
-// One pass without waiting: false with an empty error when some value is not available yet.
+// One pass without waiting: false when some value is not available. error is the driver's
+// message when one of the calls saw an error pending, whether or not values came.
 bool readTargetNow(DriverHost &host, const Target &target, QVector<quint32> *values,
                    QString *error);
 

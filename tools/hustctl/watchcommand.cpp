@@ -1,6 +1,7 @@
 #include "commands.h"
 
 #include "driverhost.h"
+#include "freshness.h"
 #include "output.h"
 #include "overflowwatch.h"
 #include "screencontroller.h"
@@ -10,6 +11,7 @@
 
 #include <QElapsedTimer>
 #include <QGuiApplication>
+#include <QJsonObject>
 #include <QTimer>
 
 #include <atomic>
@@ -47,6 +49,31 @@ public:
 private:
     int m_height = 0;
 };
+
+// The closing line, in the habit of serial pollers: refreshes, those that showed stale values,
+// the rate of fresh blocks and the longest time without one.
+void printStatistics(CommandEnv &env, const Freshness &freshness, qint64 endMs)
+{
+    const double rate = freshness.blocksPerSecond(endMs);
+    const double gap = freshness.longestGapMs(endMs) / 1000.0;
+    if (env.options.json) {
+        const QJsonObject summary {
+            {QStringLiteral("refreshes"), freshness.refreshes()},
+            {QStringLiteral("errorRefreshes"), freshness.staleRefreshes()},
+            {QStringLiteral("freshBlocksPerSecond"), qRound(rate * 10) / 10.0},
+            {QStringLiteral("longestGapSeconds"), qRound(gap * 1000) / 1000.0}};
+        env.out << jsonLine(QJsonObject {{QStringLiteral("summary"), summary}}) << '\n';
+    } else {
+        env.out << QStringLiteral("%1 refreshes, %2 with an error, %3 fresh blocks/s, longest gap "
+                                  "without fresh data %4 s")
+                       .arg(freshness.refreshes())
+                       .arg(freshness.staleRefreshes())
+                       .arg(rate, 0, 'f', 1)
+                       .arg(gap, 0, 'f', 2)
+                << '\n';
+    }
+    env.out.flush();
+}
 
 } // namespace
 
@@ -130,29 +157,29 @@ int WatchCommand::run(CommandEnv &env)
         values << v;
     }
 
-    // From here on Ctrl-C ends the watch after the refresh under way.
+    // From here on Ctrl-C (or a polite kill) ends the watch after the refresh under way, with
+    // the statistics line.
     interrupted = false;
-    const auto previousHandler = std::signal(SIGINT, onInterrupt);
+    const auto previousInt = std::signal(SIGINT, onInterrupt);
+    const auto previousTerm = std::signal(SIGTERM, onInterrupt);
 
     InPlaceBlock block;
-    QString lastError;
-    int status = 0;
+    Freshness freshness(clock.elapsed(), env.host->deliveredBlocks());
     for (int refresh = 1; !interrupted; ++refresh) {
-        const double seconds = clock.elapsed() / 1000.0;
+        QString error;
         if (refresh > 1) {
             for (int i = 0; i < m_targets.size(); ++i) {
-                QVector<quint32> v;
-                QString error;
-                if (!readTargetNow(*env.host, m_targets.at(i), &v, &error))
-                    v.clear();
-                values[i] = v;
-                if (!error.isEmpty() && error != lastError) {
-                    fail(env.err, error);
-                    lastError = error;
-                    status = 1;
-                }
+                QString callError;
+                if (!readTargetNow(*env.host, m_targets.at(i), &values[i], &callError))
+                    values[i].clear();
+                if (!callError.isEmpty())
+                    error = callError;
             }
         }
+        const qint64 ms = clock.elapsed();
+        const bool stale = freshness.refresh(ms, env.host->deliveredBlocks(), error);
+        const QString shownError = stale ? freshness.error() : QString();
+        const double seconds = ms / 1000.0;
 
         QList<WatchValue> row;
         for (int i = 0; i < m_targets.size(); ++i) {
@@ -161,8 +188,9 @@ int WatchCommand::run(CommandEnv &env)
                 wv.value = values.at(i).first();
             row << wv;
         }
+        const QString mark = stale ? QStringLiteral("stale: ") + shownError : QString();
         if (o.json) {
-            env.out << watchJson(seconds, row) << '\n';
+            env.out << jsonLine(watchJson(seconds, row, shownError)) << '\n';
             env.out.flush();
         } else {
             QList<QStringList> table;
@@ -173,14 +201,18 @@ int WatchCommand::run(CommandEnv &env)
                                           : QStringLiteral("-")};
             }
             if (inPlace) {
-                QStringList lines {
-                    QStringLiteral("t = %1 s, refresh %2").arg(seconds, 0, 'f', 1).arg(refresh)};
-                block.draw(env.out, lines + formatTable(table));
+                QString title
+                    = QStringLiteral("t = %1 s, refresh %2").arg(seconds, 0, 'f', 1).arg(refresh);
+                if (stale)
+                    title += QStringLiteral("  ") + mark;
+                block.draw(env.out, QStringList {title} + formatTable(table));
             } else {
                 QStringList cells {QString::number(seconds, 'f', 3)};
                 for (const WatchValue &wv : qAsConst(row))
                     cells << wv.key + QLatin1Char('=')
                             + (wv.value ? QString::number(*wv.value) : QStringLiteral("-"));
+                if (stale)
+                    cells << mark;
                 env.out << cells.join(QStringLiteral("  ")) << '\n';
                 env.out.flush();
             }
@@ -189,9 +221,21 @@ int WatchCommand::run(CommandEnv &env)
             break;
         QElapsedTimer wait;
         wait.start();
-        while (!interrupted && wait.elapsed() < interval)
+        while (!interrupted && wait.elapsed() < interval) {
             DriverHost::pause(int(qMin<qint64>(interval - wait.elapsed(), 50)));
+            freshness.observe(clock.elapsed(), env.host->deliveredBlocks());
+        }
     }
-    std::signal(SIGINT, previousHandler);
-    return status;
+    std::signal(SIGINT, previousInt);
+    std::signal(SIGTERM, previousTerm);
+
+    const qint64 end = clock.elapsed();
+    printStatistics(env, freshness, end);
+    if (freshness.staleRefreshes() == 0)
+        return 0;
+    return fail(env.err,
+                QStringLiteral("stale values on %1 of %2 refreshes (%3)")
+                    .arg(freshness.staleRefreshes())
+                    .arg(freshness.refreshes())
+                    .arg(freshness.error()));
 }

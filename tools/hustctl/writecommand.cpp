@@ -44,7 +44,7 @@ int WriteCommand::run(CommandEnv &env)
     }
 
     if (env.options.json) {
-        env.out << readJson(m_target.text(), m_target.type(), values) << '\n';
+        env.out << jsonLine(readJson(m_target.text(), m_target.type(), values)) << '\n';
     } else {
         QList<QStringList> rows;
         for (int i = 0; i < values.size(); ++i) {
