@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -19,10 +20,13 @@ struct Run
     QByteArray err;
 };
 
-// Runs hustctl to its end; every run is bounded.
-Run hustctl(const QStringList &args)
+// Runs hustctl to its end; every run is bounded. A last argument ">FILE" sends its standard output
+// to FILE.
+Run hustctl(QStringList args)
 {
     QProcess process;
+    if (!args.isEmpty() && args.last().startsWith('>'))
+        process.setStandardOutputFile(args.takeLast().mid(1));
     process.start(QStringLiteral(HUSTCTL_PATH), args);
     Run run;
     if (!process.waitForFinished(60000)) {
@@ -74,6 +78,11 @@ private slots:
         QVERIFY(m_dir.isValid());
         QVERIFY(writeFile(m_dir.filePath("put.nc"), kProgram));
         QVERIFY(writeFile(m_dir.filePath("blank.nc"), "\n\n\n"));
+        QVERIFY(writeFile(m_dir.filePath("nul.nc"), QByteArray("O1\nG0\0X\n", 9)));
+        QVERIFY(writeFile(m_dir.filePath("dc4.nc"), "O1\n%\x14G0\n"));
+        QVERIFY(mkfifo(QFile::encodeName(m_dir.filePath("fifo.nc")).constData(), 0600) == 0);
+        QFile big(m_dir.filePath("big.nc"));
+        QVERIFY(big.open(QIODevice::WriteOnly) && big.resize(4 * 1024 * 1024 + 1));
     }
 
     // Refusals, failing lines and controllers: no output and one line on stderr.
@@ -105,9 +114,24 @@ private slots:
             << ".*not a terminal";
         QTest::newRow("missing plug-in")
             << words("--plugin /nonexistent/libx.so read DW1") << 1 << ".*no such file";
-        QTest::newRow("program file of blank lines")
-            << (words("--no-pace gcode put") << m_dir.filePath("blank.nc")) << 1
-            << ".*no program text to send";
+        // Program files the controller would get only part of, or that never end.
+        const auto put = [this](const char *file) {
+            return words("--no-pace gcode put") << m_dir.filePath(file);
+        };
+        QTest::newRow("program of blank lines") << put("blank.nc") << 2 << ".*no program text";
+        QTest::newRow("program with NUL") << put("nul.nc") << 2 << ".*a NUL byte at offset 5";
+        QTest::newRow("program with %DC4") << put("dc4.nc") << 2 << ".*DC4 at offset 3";
+        QTest::newRow("program from a FIFO") << put("fifo.nc") << 2 << ".*not a regular file";
+        QTest::newRow("program beyond the bound") << put("big.nc") << 2 << ".*more than the";
+        // Output targets are checked before anything is sent, and a lost write is an error.
+        QTest::newRow("output directory missing")
+            << words("-p SILENT gcode get -o /nonexistent/p.nc") << 1
+            << "/nonexistent/p.nc: No such file or directory$";
+        QTest::newRow("standard output full") << words("--no-pace read DW1 >/dev/full") << 1
+                                              << "standard output: No space left on device$";
+        QTest::newRow("retries bounded by --timeout")
+            << words("-p SILENT --retry 100 --timeout 500 read DW1") << 1
+            << "DW1: Read Time Out \\(--timeout ended the driver's retries";
         // Either the driver gives up first ("Read Time Out") or hustctl's own time-out ends it.
         QTest::newRow("silent read") << words("-p SILENT read DW1 --timeout 300") << 1 << "DW1: ";
         QTest::newRow("silent gcode get")
@@ -148,14 +172,14 @@ private slots:
     }
 
     // A screen beyond one read request: the driver reads nothing, reports the count and shows its
-    // notice.
+    // notice; the platform's own warnings stay off the one line of output.
     void watchOverflow()
     {
         QStringList screen = words("--no-pace watch");
         for (int i = 0; i < 100; ++i)
             screen << QStringLiteral("DW%1").arg(i);
         const Run run = hustctl(screen);
-        QVERIFY2(run.status == 1 && run.out.isEmpty(), describe(run));
+        QVERIFY2(run.status == 1 && run.out.isEmpty() && run.err.count('\n') == 1, describe(run));
         QVERIFY2(run.err.contains("needs 100 double words")
                      && run.err.contains("the driver's notice was shown"),
                  describe(run));
@@ -286,7 +310,8 @@ private slots:
         QCOMPARE(sim.program(QStringLiteral("O0100")), burn ? sent : QByteArray("O0100\nM30\n"));
         QCOMPARE(sim.pendingProgram(), burn ? QByteArray() : sent);
 
-        const Run get = hustctl({"-p", sim.devicePath(), "gcode", "get"});
+        // A target that is not a regular file is written in place, never replaced.
+        const Run get = hustctl({"-p", sim.devicePath(), "gcode", "get", "-o", "/dev/stdout"});
         QVERIFY2(get.status == 0, describe(get));
         QCOMPARE(get.out, burn ? sent : QByteArray("O0100\nM30\n"));
     }

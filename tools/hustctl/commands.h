@@ -86,7 +86,7 @@ private:
     int put(CommandEnv &env);
 
     bool m_put = false;
-    QString m_file;
+    QByteArray m_program; // put: the checked program text
     int m_timeoutMs = kDefaultTransferTimeoutMs;
 };
 

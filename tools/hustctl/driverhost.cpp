@@ -1,6 +1,7 @@
 #include "driverhost.h"
 
 #include "driverinterface.h"
+#include "lineport.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -8,7 +9,7 @@
 #include <QTimer>
 #include <QVariant>
 
-DriverHost::DriverHost(DriverInterface *driver, AbstractDeviceInterface *port)
+DriverHost::DriverHost(DriverInterface *driver, LinePort *port)
     : m_driver(driver)
     , m_port(port)
 { }
@@ -23,6 +24,7 @@ void DriverHost::pause(int ms)
 DriverHost::ReadResult DriverHost::readOnce(const CommunicatorCommand &command)
 {
     ReadResult result;
+    m_port->startCall();
     result.data = m_driver->read(m_port, command);
     // Let errors that the worker raised through queued signals reach the driver first.
     QCoreApplication::processEvents();
@@ -51,15 +53,31 @@ DriverHost::ReadResult DriverHost::poll(const CommunicatorCommand &command, int 
 {
     QElapsedTimer clock;
     clock.start();
+    beginWait(timeoutMs);
     for (;;) {
         ReadResult result = readOnce(command);
-        if (result.outcome != ReadResult::TimedOut)
-            return result;
         const qint64 left = timeoutMs - clock.elapsed();
-        if (left <= 0)
+        if (result.outcome != ReadResult::TimedOut || left <= 0) {
+            result.retriesCut = endWait();
             return result;
+        }
         pause(int(qMin<qint64>(left, kPollIntervalMs)));
     }
+}
+
+void DriverHost::beginWait(int timeoutMs)
+{
+    m_port->beginWait(timeoutMs);
+}
+
+bool DriverHost::endWait()
+{
+    return m_port->endWait();
+}
+
+int DriverHost::retry() const
+{
+    return m_port->retry();
 }
 
 bool DriverHost::write(const CommunicatorCommand &command, const QByteArray &data, QString *error)

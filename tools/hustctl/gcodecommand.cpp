@@ -1,11 +1,12 @@
 #include "commands.h"
 
 #include "driverhost.h"
+#include "hustgcodecontroller.h"
+#include "outputfile.h"
+#include "programfile.h"
 #include "targetreader.h"
 
 #include <QElapsedTimer>
-#include <QFile>
-#include <QSaveFile>
 
 #include <cstdio>
 
@@ -127,26 +128,6 @@ bool writeKey(DriverHost &host, const CommunicatorCommand &command, const QByteA
     return false;
 }
 
-bool writeOutput(const QString &path, const QByteArray &text, QTextStream &out, QString *error)
-{
-    if (path.isEmpty()) {
-        out.flush();
-        QFile console;
-        if (!console.open(stdout, QIODevice::WriteOnly) || console.write(text) != text.size()
-            || !console.flush()) {
-            *error = QStringLiteral("standard output: %1").arg(console.errorString());
-            return false;
-        }
-        return true;
-    }
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size() || !file.commit()) {
-        *error = QStringLiteral("%1: %2").arg(path, file.errorString());
-        return false;
-    }
-    return true;
-}
-
 } // namespace
 
 bool GCodeCommand::prepare(CtlOptions &options, QString *reason)
@@ -174,7 +155,16 @@ bool GCodeCommand::prepare(CtlOptions &options, QString *reason)
             return false;
         }
         m_put = true;
-        m_file = options.arguments.at(1);
+        // The program is read and checked before the line is opened: a file the controller
+        // would get only part of is refused before anything is sent.
+        const QString path = options.arguments.at(1);
+        if (!readProgramFile(path, HustGCodeprotocol::MaxAnswerSize, &m_program, reason))
+            return false;
+        const QString defect = programDefect(m_program);
+        if (!defect.isEmpty()) {
+            *reason = QStringLiteral("%1: %2").arg(path, defect);
+            return false;
+        }
     } else {
         *reason = QStringLiteral("gcode: \"%1\" is neither get nor put").arg(action);
         return false;
@@ -196,6 +186,9 @@ int GCodeCommand::get(CommandEnv &env)
         = key(CommunicatorCommand::BitType,
               env.options.allPrograms ? "ReadAllCode0" : "ReadCurrentCode0");
     QString error;
+    OutputFile output;
+    if (!output.open(env.options.outputPath, env.out, &error))
+        return fail(env.err, error);
     if (!writeKey(host, statusKey(), QByteArray(4, 0), &error)
         || !writeKey(host, request, flag(true), &error))
         return fail(env.err, error);
@@ -228,22 +221,14 @@ int GCodeCommand::get(CommandEnv &env)
     }
     progress.finish(
         QStringLiteral("received %1 bytes in %2 s").arg(text.size()).arg(progress.seconds()));
-    if (!writeOutput(env.options.outputPath, text, env.out, &error))
+    if (!output.write(text, &error))
         return fail(env.err, error);
     return 0;
 }
 
 int GCodeCommand::put(CommandEnv &env)
 {
-    QFile file(m_file);
-    if (!file.open(QIODevice::ReadOnly))
-        return fail(env.err, QStringLiteral("%1: %2").arg(m_file, file.errorString()));
-    const QByteArray text = file.readAll();
-    // The driver drops empty lines and everything after a zero byte before sending.
-    const int zero = text.indexOf('\0');
-    if (QByteArray(zero < 0 ? text : text.left(zero)).replace('\n', QByteArray()).isEmpty())
-        return fail(env.err, QStringLiteral("%1: no program text to send").arg(m_file));
-
+    const QByteArray &text = m_program;
     DriverHost &host = *env.host;
     QString error;
     if (!writeKey(host, key(CommunicatorCommand::BitType, "BurningCodeBit0"),

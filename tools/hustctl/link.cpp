@@ -3,6 +3,7 @@
 #include "builtinsimulator.h"
 #include "driverinterface.h"
 #include "drv_dev_setting.h"
+#include "lineport.h"
 #include "serialport.h"
 
 #include <QScopedPointer>
@@ -45,16 +46,17 @@ bool Link::open(const LinkOptions &options, DriverInterface *driver, QString *er
     }
     const DeviceSetting device(DEVICE_SERIAL, path, options.baud, options.dataBits,
                                options.stopBits, parityCode(options.parity));
-    m_port = std::make_unique<SerialPort>(device, *timing);
-    if (!m_port->open()) {
-        *error = m_port->errorString();
-        m_port.reset();
+    m_serial = std::make_unique<SerialPort>(device, *timing);
+    if (!m_serial->open()) {
+        *error = m_serial->errorString();
+        m_serial.reset();
         return false;
     }
+    m_port = std::make_unique<LinePort>(m_serial.get());
     return true;
 }
 
-AbstractDeviceInterface *Link::port() const
+LinePort *Link::port() const
 {
     return m_port.get();
 }

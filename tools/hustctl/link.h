@@ -7,9 +7,9 @@
 
 #include <memory>
 
-class AbstractDeviceInterface;
 class BuiltInSimulator;
 class DriverInterface;
+class LinePort;
 class SerialPort;
 
 // The line to the controller: a serial device, or the built-in simulator on a pseudo-terminal
@@ -23,11 +23,13 @@ public:
     // Opens the line with the driver's default retry count and delay unless the options set
     // them. False with the system's reason.
     bool open(const LinkOptions &options, DriverInterface *driver, QString *error);
-    AbstractDeviceInterface *port() const;
+    // The port object handed to the driver.
+    LinePort *port() const;
 
 private:
     std::unique_ptr<BuiltInSimulator> m_simulator; // destroyed after the port
-    std::unique_ptr<SerialPort> m_port;
+    std::unique_ptr<SerialPort> m_serial;
+    std::unique_ptr<LinePort> m_port;
 };
 
 #endif // HUSTCTL_LINK_H

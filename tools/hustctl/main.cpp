@@ -9,12 +9,27 @@
 #include "driverinterface.h"
 
 #include <QApplication>
+#include <QFile>
 #include <QLoggingCategory>
 #include <QTextStream>
 
-#include <cstdio>
+#include <unistd.h>
 
 namespace {
+
+QtMessageHandler defaultHandler = nullptr;
+
+// Qt's own messages (platform plug-ins, the plug-in loader) never reach a command's output, which
+// is one line on a failure; the driver's and host's categories pass, filtered by the logging
+// rules. Setting QT_LOGGING_RULES or QT_DEBUG_PLUGINS lets everything through.
+void filterMessages(QtMsgType type, const QMessageLogContext &context, const QString &message)
+{
+    static const bool everything = qEnvironmentVariableIsSet("QT_LOGGING_RULES")
+        || qEnvironmentVariableIsSet("QT_DEBUG_PLUGINS");
+    const bool ours = context.category && qstrncmp(context.category, "hust.", 5) == 0;
+    if (ours || everything || type == QtFatalMsg)
+        defaultHandler(type, context, message);
+}
 
 int usage(QTextStream &err, const QString &reason)
 {
@@ -22,11 +37,46 @@ int usage(QTextStream &err, const QString &reason)
     return 2;
 }
 
+// Loads the plug-in, opens the line when the command needs it and runs the command.
+int run(Command &command, const CtlOptions &options, QCoreApplication &app, QTextStream &out,
+        QTextStream &err)
+{
+    Link link; // declared first, so that the driver is gone before its port
+    DriverPlugin plugin;
+    if (!plugin.load(options.pluginPath.isEmpty() ? DriverPlugin::defaultPath()
+                                                  : options.pluginPath))
+        return fail(err, plugin.errorString());
+
+    if (!command.needsLink()) {
+        CommandEnv env {options, plugin.driver(), nullptr, out, err};
+        return command.run(env);
+    }
+
+    QString reason;
+    if (!link.open(options.link, plugin.driver(), &reason))
+        return fail(err, reason);
+    DriverHost host(plugin.driver(), link.port());
+    CommandEnv env {options, plugin.driver(), &host, out, err};
+    const int status = command.run(env);
+    out.flush();
+
+    // Leave the screen as the run-time does when it shuts down: the driver stops its loop
+    // reading (and tells the controller) without waiting for another screen.
+    app.setProperty("isExit", true);
+    host.closeSession();
+    return status;
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
 {
-    QTextStream out(stdout);
+    defaultHandler = qInstallMessageHandler(filterMessages);
+    // Standard output without a C library buffer in between, so that a failed write shows here
+    // with the system's reason.
+    QFile console;
+    console.open(STDOUT_FILENO, QIODevice::WriteOnly | QIODevice::Unbuffered);
+    QTextStream out(&console);
     QTextStream err(stderr);
 
     QStringList args;
@@ -64,27 +114,9 @@ int main(int argc, char *argv[])
     if (command->needsLink())
         app->setProperty("zel_env", true);
 
-    Link link; // declared first, so that the driver is gone before its port
-    DriverPlugin plugin;
-    if (!plugin.load(options.pluginPath.isEmpty() ? DriverPlugin::defaultPath()
-                                                  : options.pluginPath))
-        return fail(err, plugin.errorString());
-
-    if (!command->needsLink()) {
-        CommandEnv env {options, plugin.driver(), nullptr, out, err};
-        return command->run(env);
-    }
-
-    if (!link.open(options.link, plugin.driver(), &reason))
-        return fail(err, reason);
-    DriverHost host(plugin.driver(), link.port());
-    CommandEnv env {options, plugin.driver(), &host, out, err};
-    const int status = command->run(env);
+    const int status = run(*command, options, *app, out, err);
     out.flush();
-
-    // Leave the screen as the run-time does when it shuts down: the driver stops its loop
-    // reading (and tells the controller) without waiting for another screen.
-    app->setProperty("isExit", true);
-    host.closeSession();
+    if (out.status() != QTextStream::Ok)
+        return fail(err, QStringLiteral("standard output: %1").arg(console.errorString()));
     return status;
 }

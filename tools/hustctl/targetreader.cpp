@@ -56,12 +56,20 @@ bool readTarget(DriverHost &host, const Target &target, int timeoutMs, QVector<q
     for (const DriverRequest &request : target.readRequests()) {
         const int left = int(qMax<qint64>(0, timeoutMs - clock.elapsed()));
         const DriverHost::ReadResult result = host.poll(request.command, left);
+        // Say which bound ended the wait: the driver's attempts, or --timeout.
         if (result.outcome == DriverHost::ReadResult::Error) {
-            *error = QStringLiteral("%1: %2").arg(request.command.address, result.error);
+            *error = result.retriesCut
+                ? QStringLiteral("%1: %2 (--timeout ended the driver's retries after %3 ms)")
+                      .arg(request.command.address, result.error)
+                      .arg(clock.elapsed())
+                : QStringLiteral("%1: %2 (the driver gave up after %3 attempts, --retry %4)")
+                      .arg(request.command.address, result.error)
+                      .arg(qMax(0, host.retry()) + 1)
+                      .arg(host.retry());
             return false;
         }
         if (result.outcome == DriverHost::ReadResult::TimedOut) {
-            *error = QStringLiteral("%1: no data within %2 ms")
+            *error = QStringLiteral("%1: no data within %2 ms (--timeout)")
                          .arg(request.command.address)
                          .arg(timeoutMs);
             return false;

@@ -168,6 +168,7 @@ int WatchCommand::run(CommandEnv &env)
     for (int refresh = 1; !interrupted; ++refresh) {
         QString error;
         if (refresh > 1) {
+            env.host->beginWait(o.timeoutMs);
             for (int i = 0; i < m_targets.size(); ++i) {
                 QString callError;
                 if (!readTargetNow(*env.host, m_targets.at(i), &values[i], &callError))
@@ -175,6 +176,7 @@ int WatchCommand::run(CommandEnv &env)
                 if (!callError.isEmpty())
                     error = callError;
             }
+            env.host->endWait();
         }
         const qint64 ms = clock.elapsed();
         const bool stale = freshness.refresh(ms, env.host->deliveredBlocks(), error);
@@ -217,7 +219,8 @@ int WatchCommand::run(CommandEnv &env)
                 env.out.flush();
             }
         }
-        if (o.refreshes > 0 && refresh >= o.refreshes)
+        // A console that takes no more output ends the watch; main reports why.
+        if (env.out.status() != QTextStream::Ok || (o.refreshes > 0 && refresh >= o.refreshes))
             break;
         QElapsedTimer wait;
         wait.start();
