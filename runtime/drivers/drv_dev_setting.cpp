@@ -168,6 +168,10 @@ QDataStream &operator>>(QDataStream &in, DeviceSetting &setting)
         sockets.append(qMakePair(ip, port));
     }
     setting.sockets = sockets;
+    // The index was checked against the old list; one that does not point into the new list
+    // (a shorter or damaged stream) goes back to the first entry.
+    if (setting.currentIPIndex >= sockets.size())
+        setting.currentIPIndex = 0;
     return in;
 }
 

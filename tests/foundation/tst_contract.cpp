@@ -172,19 +172,25 @@ private slots:
         QCOMPARE(streamed(r), expected);
     }
 
-    // Fields the stream did not reach read as zero or empty, whatever the object held before.
+    // Fields the stream did not reach read as zero or empty, whatever the object held before, and
+    // the index points into the list read.
     void damagedStreams_data()
     {
         QTest::addColumn<QByteArray>("bytes");
         QTest::addColumn<int>("baudrate");
         QTest::addColumn<int>("sockets");
+        QTest::addColumn<int>("index");
         const QByteArray head = streamed(16, QStringLiteral("COM1"), 38400, 7, 2, 2, 0, -1, 0);
         const QByteArray entry = streamed(-1, QStringLiteral("h"), quint16(7));
-        QTest::newRow("cut in the name") << head.left(7) << 0 << 0;
-        QTest::newRow("no socket count") << head << 38400 << 0;
-        QTest::newRow("huge count, one entry") << head + entry << 38400 << 1;
-        QTest::newRow("huge count, cut entry") << head + entry + streamed(100) << 38400 << 1;
-        QTest::newRow("huge string length") << streamed(16, 0x7FFFFFF0) + "abc" << 0 << 0;
+        QTest::newRow("cut in the name") << head.left(7) << 0 << 0 << 0;
+        QTest::newRow("no socket count") << head << 38400 << 0 << 0;
+        QTest::newRow("huge count, one entry") << head + entry << 38400 << 1 << 0;
+        QTest::newRow("huge count, cut entry") << head + entry + streamed(100) << 38400 << 1 << 0;
+        QTest::newRow("huge string length") << streamed(16, 0x7FFFFFF0) + "abc" << 0 << 0 << 0;
+        // The index is checked against the two entries held before; the new list has one.
+        QTest::newRow("index past the new list")
+            << streamed(16, QStringLiteral("COM1"), 38400, 7, 2, 2, 0, -1, 1) + entry << 38400 << 1
+            << 0;
     }
 
     void damagedStreams()
@@ -198,6 +204,7 @@ private slots:
         readInto(bytes, s);
         QCOMPARE(s.baudrate, baudrate);
         QCOMPARE(s.sockets.size(), sockets);
+        QTEST(s.currentIPIndex, "index");
     }
 
     // A placeholder inside the port name or the address is shown as it is.
