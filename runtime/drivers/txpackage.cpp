@@ -152,9 +152,12 @@ void TxPackage::layout(int last, QList<qint64> &starts, QList<int> &sizes) const
     for (int j = 0; j <= last; ++j) {
         int size = m_sectionSizes.at(j);
         if (size < 0) {
-            const int k = -size;
+            // Only a reference to an earlier section has a length; testing that before negating
+            // keeps INT_MIN, which has no positive counterpart, from being negated.
+            const bool earlier = size > -j;
+            const int k = earlier ? -size : 0;
             size = 0;
-            if (k < j && m_sectionSizes.at(k) >= 0 && starts.at(k) < m_data->size()) {
+            if (earlier && m_sectionSizes.at(k) >= 0 && starts.at(k) < m_data->size()) {
                 const QByteArray field
                     = m_data->mid(int(starts.at(k)), qMin(m_sectionSizes.at(k), 4));
                 size = qMax(QByteArrayToInt(field), 0);

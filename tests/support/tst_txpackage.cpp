@@ -101,6 +101,8 @@ private slots:
             << odd << shortField << false << 3 << 5 << 0 << QByteArray() << 6;
         QTest::newRow("reference to a reference")
             << odd << shortField << false << 4 << 5 << 0 << QByteArray() << 6;
+        QTest::newRow("lowest entry") << QList<int>({1, INT_MIN}) << QByteArray(1, 0) << false << 1
+                                      << 1 << 0 << QByteArray() << 1;
     }
 
     void imposedSections()
