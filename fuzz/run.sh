@@ -1,13 +1,15 @@
 #!/usr/bin/env bash
 # Builds the fuzz targets with clang (libFuzzer, address and undefined-behaviour sanitizers) and
-# runs each for SECONDS, starting from the seeds in fuzz/corpus/<target>/. New inputs go to the
-# build directory, so the committed seeds stay as they are. Exits non-zero on any finding.
-# Usage: fuzz/run.sh SECONDS [BUILD_DIR]
+# runs each for SECONDS, starting from the seeds in fuzz/corpus/<target>/. Every fuzz/fuzz_*.cpp
+# is a target; naming some after the build directory runs only those. New inputs go to the build
+# directory, so the committed seeds stay as they are. Exits non-zero on any finding.
+# Usage: fuzz/run.sh SECONDS [BUILD_DIR [TARGET...]]
 set -euo pipefail
 
-seconds="${1:?usage: fuzz/run.sh SECONDS [BUILD_DIR]}"
+seconds="${1:?usage: fuzz/run.sh SECONDS [BUILD_DIR [TARGET...]]}"
 here="$(cd "$(dirname "$0")" && pwd)"
 build="${2:-$here/../build-fuzz}"
+shift $(($# < 2 ? $# : 2))
 mkdir -p "$build"
 build="$(cd "$build" && pwd)"
 
@@ -23,16 +25,25 @@ fi
 
 cmake -S "$here" -B "$build" "${generator[@]}" -DCMAKE_CXX_COMPILER="$cxx" \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$build" -j"$(nproc)"
+targets=("$@")
+if [ ${#targets[@]} -eq 0 ]; then
+  for source in "$here"/fuzz_*.cpp; do
+    targets+=("$(basename "$source" .cpp)")
+  done
+fi
+cmake --build "$build" -j"$(nproc)" --target "${targets[@]}"
 
-targets=(fuzz_dataunpack fuzz_bytearraypack fuzz_hextouint fuzz_rightshift fuzz_extractaddress)
 failed=()
 for target in "${targets[@]}"; do
   work="$build/corpus/$target"
   mkdir -p "$work" "$build/artifacts"
+  seeds=()
+  if [ -d "$here/corpus/$target" ]; then
+    seeds=("$here/corpus/$target")
+  fi
   echo "== $target: $seconds s"
   if "$build/$target" -max_total_time="$seconds" -timeout=10 -print_final_stats=1 \
-      -artifact_prefix="$build/artifacts/$target-" "$work" "$here/corpus/$target" \
+      -artifact_prefix="$build/artifacts/$target-" "$work" "${seeds[@]}" \
       >"$build/$target.log" 2>&1; then
     grep -E '^stat::number_of_executed_units' "$build/$target.log" || true
   else
