@@ -363,6 +363,9 @@ private slots:
             << QByteArray("xx\x14%\r\x12zz") + kStop << QStringList {"stop"};
         QTest::newRow("bit beyond a double word")
             << QByteArray("\x12%\rO9013\rN00100\rd40\r%\x14") << QStringList {"malformed"};
+        QTest::newRow("burn line ended by a CR")
+            << QByteArray("\x12%\rO9000\rN100011\rG10 P600 L01\r%\x14")
+            << QStringList {"malformed"};
         QTest::newRow("broken off by a new frame") << QByteArray("\x12%\rO9000\rN0\rv02\rd000")
                 + kStop << QStringList {"malformed", "stop"};
         QTest::newRow("frame that never ends") << "\x12%\r" + QByteArray(2 * kMaxRequestFrame, 'x')

@@ -48,7 +48,8 @@ Request decodeReadOrControl(const QList<QByteArray> &lines, bool endsWithCR, Req
         if (endsWithCR && lines.size() == 2)
             request.kind = FrameKind::Stop;
     } else if (selector == "N100011") {
-        if (lines.size() == 3 && lines.at(2) == kBurnLine)
+        // The burn line is the one line without a CR before the closing "%".
+        if (!endsWithCR && lines.size() == 3 && lines.at(2) == kBurnLine)
             request.kind = FrameKind::Burn;
     } else {
         request.kind = FrameKind::Unknown;
