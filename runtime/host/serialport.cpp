@@ -2,6 +2,7 @@
 
 #include "hostlog.h"
 
+#include <QFileInfo>
 #include <QRegularExpression>
 
 #include <algorithm>
@@ -13,6 +14,8 @@
 #include <poll.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 namespace {
@@ -158,6 +161,27 @@ void makeRaw(termios *settings)
     settings->c_cc[VTIME] = 0;
 }
 
+// The C library's tcsetattr() reports EINVAL when the terminal changed nothing although it was
+// asked for settings it does not take. A pseudo-terminal never takes data bits or parity, so one
+// that a killed process left with every other setting of ours already in place fails that way.
+// True when the terminal holds everything asked for apart from the character size and parity.
+bool tookAllButCharacterFormat(int fd, const termios &asked)
+{
+    termios taken;
+    if (::tcgetattr(fd, &taken) != 0)
+        return false;
+    const tcflag_t format = CSIZE | PARENB | PARODD;
+    return taken.c_iflag == asked.c_iflag && taken.c_oflag == asked.c_oflag
+        && taken.c_lflag == asked.c_lflag && (taken.c_cflag & ~format) == (asked.c_cflag & ~format)
+        && taken.c_cc[VMIN] == asked.c_cc[VMIN] && taken.c_cc[VTIME] == asked.c_cc[VTIME];
+}
+
+// Unix98 pseudo-terminal slaves have the device majors 136 to 143.
+bool isPseudoTerminalSlave(const struct stat &device)
+{
+    return S_ISCHR(device.st_mode) && major(device.st_rdev) >= 136 && major(device.st_rdev) <= 143;
+}
+
 SerialPort::Error errorForOpen(int errnum)
 {
     switch (errnum) {
@@ -203,61 +227,78 @@ QString SerialPort::devicePath(const QString &name)
 bool SerialPort::open()
 {
     QMutexLocker lock(&m_mutex);
-    const QString path = devicePath(m_device.string);
     if (m_state == State::Open) {
         setError(Error::OpenFailed, QStringLiteral("%1 is already open").arg(m_openPath));
         return false;
     }
+    m_state = State::Closed;
     m_error = Error::NoError;
     m_errorString.clear();
+    Failure failure;
+    if (!claimDevice(devicePath(m_device.string), &failure)) {
+        setError(failure.error, failure.text);
+        return false;
+    }
+    qCDebug(lcHostSerial) << "opened" << m_openPath;
+    return true;
+}
 
+bool SerialPort::claimDevice(const QString &path, Failure *failure)
+{
+    const auto fail = [failure](int fd, Error error, const QString &text) {
+        if (fd >= 0)
+            ::close(fd);
+        *failure = {error, text};
+        return false;
+    };
     const int fd
         = ::open(path.toLocal8Bit().constData(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
         const int errnum = errno;
-        setError(errorForOpen(errnum),
-                 QStringLiteral("Cannot open %1: %2").arg(path, systemReason(errnum)));
-        return false;
+        return fail(fd, errorForOpen(errnum),
+                    QStringLiteral("Cannot open %1: %2").arg(path, systemReason(errnum)));
     }
-    if (!::isatty(fd)) {
+    struct stat device;
+    if (!::isatty(fd) || ::fstat(fd, &device) != 0) {
         const int errnum = errno;
-        ::close(fd);
-        setError(Error::NotATerminal,
-                 QStringLiteral("Cannot open %1: not a terminal device (%2)")
-                     .arg(path, systemReason(errnum)));
-        return false;
+        return fail(fd, Error::NotATerminal,
+                    QStringLiteral("Cannot open %1: not a terminal device (%2)")
+                        .arg(path, systemReason(errnum)));
     }
     if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
         const int errnum = errno;
-        ::close(fd);
         if (errnum == EWOULDBLOCK)
-            setError(Error::Busy,
-                     QStringLiteral("Cannot open %1: the device is in use (%2)")
-                         .arg(path, systemReason(EBUSY)));
-        else
-            setError(Error::OpenFailed,
-                     QStringLiteral("Cannot lock %1: %2").arg(path, systemReason(errnum)));
-        return false;
+            return fail(fd, Error::Busy,
+                        QStringLiteral("Cannot open %1: the device is in use (%2)")
+                            .arg(path, systemReason(EBUSY)));
+        return fail(fd, Error::OpenFailed,
+                    QStringLiteral("Cannot lock %1: %2").arg(path, systemReason(errnum)));
     }
-    if (::ioctl(fd, TIOCEXCL) != 0 || ::tcgetattr(fd, &m_savedSettings) != 0) {
+    // A pseudo-terminal lives as long as its controller end is open, and with it the exclusive
+    // mode of a process that was killed before it could drop the mode: every later open by a user
+    // without CAP_SYS_ADMIN would be refused. A real device drops the mode on its last close. On
+    // pseudo-terminals the advisory lock alone, released with its process, keeps ports apart.
+    const bool exclusive = !isPseudoTerminalSlave(device);
+    termios found;
+    if ((exclusive && ::ioctl(fd, TIOCEXCL) != 0) || ::tcgetattr(fd, &found) != 0) {
         const int errnum = errno;
-        ::close(fd);
-        setError(Error::OpenFailed,
-                 QStringLiteral("Cannot claim %1: %2").arg(path, systemReason(errnum)));
-        return false;
+        return fail(fd, Error::OpenFailed,
+                    QStringLiteral("Cannot claim %1: %2").arg(path, systemReason(errnum)));
     }
-    m_openPath = path;
-    if (!configure(fd, m_device)) {
-        ::tcsetattr(fd, TCSANOW, &m_savedSettings);
+    if (!configure(fd, m_device, failure)) {
+        ::tcsetattr(fd, TCSANOW, &found);
         ::ioctl(fd, TIOCNXCL);
-        ::close(fd);
-        return false;
+        return fail(fd, failure->error, failure->text);
     }
+    // Output that an earlier process suspended (tcflow) would stall every write.
+    ::tcflow(fd, TCOON);
     // Bytes that arrived before the port was ours belong to nobody.
     ::tcflush(fd, TCIOFLUSH);
     m_fd = fd;
+    m_openPath = path;
+    m_openDevice = device.st_rdev;
+    m_savedSettings = found;
     m_state = State::Open;
-    qCDebug(lcHostSerial) << "opened" << path;
     return true;
 }
 
@@ -291,6 +332,52 @@ void SerialPort::loseLink(const QString &reason)
     setError(Error::LinkLost, QStringLiteral("Lost the link on %1: %2").arg(m_openPath, reason));
     releaseDevice();
     m_state = State::LinkLost;
+    // A device that has just gone is often still on its way out: give it a moment.
+    m_nextReopen = Clock::now() + std::chrono::milliseconds(ReopenIntervalMs);
+}
+
+// Open as it is, or reopened after a lost link; otherwise a closed port reports it.
+bool SerialPort::isUsable()
+{
+    switch (m_state) {
+    case State::Open:
+        return true;
+    case State::LinkLost:
+        return reclaimLostLink();
+    case State::Closed:
+        reportNotOpen();
+        return false;
+    }
+    return false;
+}
+
+bool SerialPort::reclaimLostLink()
+{
+    const Clock::time_point now = Clock::now();
+    if (now < m_nextReopen)
+        return false;
+    m_nextReopen = now + std::chrono::milliseconds(ReopenIntervalMs);
+    Failure failure;
+    if (!claimDevice(m_openPath, &failure)) {
+        qCDebug(lcHostSerial).noquote() << "still lost:" << failure.text;
+        return false;
+    }
+    const QString target = QFileInfo(m_openPath).canonicalFilePath();
+    qCWarning(lcHostSerial).noquote()
+        << QStringLiteral("Reopened %1%2 after the link was lost")
+               .arg(m_openPath,
+                    target == m_openPath ? QString() : QStringLiteral(" (%1)").arg(target));
+    return true;
+}
+
+// False when the path is gone or now names another device than the one held open.
+bool SerialPort::pathStillNamesDevice() const
+{
+    const QByteArray path = m_openPath.toLocal8Bit();
+    struct stat named;
+    if (::stat(path.constData(), &named) == 0)
+        return named.st_rdev == m_openDevice;
+    return errno != ENOENT && errno != ENOTDIR;
 }
 
 void SerialPort::reportNotOpen()
@@ -324,27 +411,29 @@ bool SerialPort::makeLineSettings(const DeviceSetting &device, termios *settings
     return false;
 }
 
-bool SerialPort::configure(int fd, const DeviceSetting &device)
+bool SerialPort::configure(int fd, const DeviceSetting &device, Failure *failure)
 {
     const QString path = devicePath(device.string);
     termios settings;
     if (::tcgetattr(fd, &settings) != 0) {
         const int errnum = errno;
-        setError(Error::OpenFailed,
-                 QStringLiteral("Cannot configure %1: %2").arg(path, systemReason(errnum)));
+        *failure = {Error::OpenFailed,
+                    QStringLiteral("Cannot configure %1: %2").arg(path, systemReason(errnum))};
         return false;
     }
     QString refused;
     if (!makeLineSettings(device, &settings, &refused)) {
-        setError(Error::UnsupportedSetting,
-                 QStringLiteral("Cannot configure %1: %2").arg(path, refused));
+        *failure = {Error::UnsupportedSetting,
+                    QStringLiteral("Cannot configure %1: %2").arg(path, refused)};
         return false;
     }
     if (::tcsetattr(fd, TCSANOW, &settings) != 0) {
         const int errnum = errno;
-        setError(Error::OpenFailed,
-                 QStringLiteral("Cannot configure %1: %2").arg(path, systemReason(errnum)));
-        return false;
+        if (errnum != EINVAL || !tookAllButCharacterFormat(fd, settings)) {
+            *failure = {Error::OpenFailed,
+                        QStringLiteral("Cannot configure %1: %2").arg(path, systemReason(errnum))};
+            return false;
+        }
     }
     // tcsetattr succeeds when any part was taken; a driver that cannot do the rest says so only
     // through what it reports back. Pseudo-terminals, for one, always keep 8 bits without parity.
@@ -402,8 +491,10 @@ int SerialPort::handle() const
 bool SerialPort::setDeviceSetting(const DeviceSetting &device)
 {
     QMutexLocker lock(&m_mutex);
-    if (m_state == State::Open && !configure(m_fd, device)) {
-        configure(m_fd, m_device);
+    Failure failure;
+    if (m_state == State::Open && !configure(m_fd, device, &failure)) {
+        setError(failure.error, failure.text);
+        configure(m_fd, m_device, &failure);
         return false;
     }
     m_device = device;
@@ -463,17 +554,19 @@ int SerialPort::readBytes(char *data, int maxSize)
     const Clock::time_point firstByteDeadline
         = Clock::now() + std::chrono::milliseconds(m_readTimeout.load());
     int total = 0;
-    for (;;) {
+    quint64 generation = 0;
+    for (bool first = true;; first = false) {
         int fd;
-        quint64 generation;
         {
             QMutexLocker lock(&m_mutex);
-            if (m_state != State::Open) {
-                reportNotOpen();
+            if (!first && generation != m_generation)
+                return total; // closed or lost meanwhile
+            if (first && !isUsable()) {
+                const bool closed = m_state == State::Closed;
                 lock.unlock();
-                if (total == 0)
+                if (closed)
                     std::this_thread::sleep_until(firstByteDeadline);
-                return total;
+                return 0;
             }
             fd = m_fd;
             generation = m_generation;
@@ -492,9 +585,15 @@ int SerialPort::readBytes(char *data, int maxSize)
             return total;
         }
         if (events == 0) {
-            if (total > 0 || remainingMs(firstByteDeadline) == 0)
+            if (total > 0)
                 return total;
-            continue;
+            if (remainingMs(firstByteDeadline) > 0)
+                continue;
+            // A quiet line is normal, but a device that was unplugged, or a link re-pointed at a
+            // restarted controller, can also look quiet.
+            if (!pathStillNamesDevice())
+                loseLink(QStringLiteral("%1 no longer names the device").arg(m_openPath));
+            return 0;
         }
         const ssize_t count = ::read(m_fd, data + total, size_t(maxSize - total));
         const int readError = errno;
@@ -536,15 +635,15 @@ int SerialPort::writeData(const char *data, int size)
     QMutexLocker writeLock(&m_writeMutex);
     const int stallLimit = m_writeTimeout;
     int written = 0;
-    while (written < size) {
+    quint64 generation = 0;
+    for (bool first = true; written < size; first = false) {
         int fd;
-        quint64 generation;
         {
             QMutexLocker lock(&m_mutex);
-            if (m_state != State::Open) {
-                reportNotOpen();
+            // A write goes whole to one device: a reopened one gets none of the rest.
+            if (first ? !isUsable() : generation != m_generation)
                 return written;
-            }
+            generation = m_generation;
             const ssize_t count = ::write(m_fd, data + written, size_t(size - written));
             const int writeError = errno;
             if (count > 0) {
@@ -563,14 +662,13 @@ int SerialPort::writeData(const char *data, int size)
                 return written;
             }
             fd = m_fd;
-            generation = m_generation;
         }
         // The line's output buffer is full: wait outside the lock for room.
         const int events = waitFor(fd, POLLOUT, stallLimit);
         const int pollError = errno;
         QMutexLocker lock(&m_mutex);
         if (generation != m_generation)
-            continue; // the state check above reports it
+            return written;
         if (events < 0) {
             setError(
                 Error::WriteFailed,

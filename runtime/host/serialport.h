@@ -8,7 +8,9 @@
 #include <QString>
 
 #include <atomic>
+#include <chrono>
 
+#include <sys/types.h>
 #include <termios.h>
 
 // The host's serial port: the run-time's port object over a POSIX terminal device.
@@ -23,21 +25,31 @@
 // The line runs in raw mode without flow control; with parity on, characters that arrive with a
 // parity or framing error are dropped. The retry count and the delay come from a DriverSetting.
 //
-// Opening claims the device for this object alone (an advisory lock and the terminal's exclusive
-// mode), so a second open of the same device, from this process or another, is refused as busy.
+// Opening claims the device for this object alone (an advisory lock, and on real devices the
+// terminal's exclusive mode), so a second open of the same device, from this process or another,
+// is refused as busy. Opening succeeds whatever terminal state an earlier, killed process left
+// behind; closing restores the settings found at open.
 //
 // Reads wait up to readTimeout() for the first byte, then collect what follows until the line
-// stays quiet for interByteTimeout() or the buffer is full. A read of a port that is closed or has
-// lost its link also waits the read time-out before it returns 0, so a caller that polls in a loop
-// is paced. Writes send every byte, waiting up to writeTimeout() each time the line accepts
-// nothing, and return how many bytes went out. Neither ever returns a negative count.
+// stays quiet for interByteTimeout() or the buffer is full. A read of a closed port also waits the
+// read time-out before it returns 0, so a caller that polls in a loop is paced. Writes send every
+// byte, waiting up to writeTimeout() each time the line accepts nothing, and return how many bytes
+// went out. Neither ever returns a negative count.
 //
 // Every operation is safe to call from several threads. Waiting happens outside the port's lock,
 // so a read that waits does not hold up a write from another thread; writes are kept whole against
 // each other. Each failed operation records one error with the system's reason (error(),
 // errorString()); a successful one leaves an earlier error in place until the next open() or
-// clearError(). When the other end goes away (a read or write fails with an I/O error, or the line
-// hangs up) the port releases the device and enters LinkLost; open() or reopen() claims it again.
+// clearError().
+//
+// Link loss: when the line hangs up, a read or write fails with EIO, ENXIO or ENODEV, or the path
+// no longer names the device that was opened (a pulled USB adapter, a simulator restarted behind
+// a symbolic link), the port releases the device and enters LinkLost. Reads then return 0 at once
+// and writes return 0. The next read or write, at most every ReopenIntervalMs and the first time
+// ReopenIntervalMs after the loss, opens the same path again (following its symbolic links anew)
+// with the same line settings and, once that succeeds, carries on as Open. The loss and the
+// reopening are each logged once as warnings; the loss stays in error() until clearError() or
+// open().
 class SerialPort : public AbstractDeviceInterface
 {
 public:
@@ -61,6 +73,7 @@ public:
     static constexpr int DefaultReadTimeout = 50;
     static constexpr int DefaultInterByteTimeout = 5;
     static constexpr int DefaultWriteTimeout = 1000;
+    static constexpr int ReopenIntervalMs = 500;
 
     SerialPort(const DeviceSetting &device, const DriverSetting &driver);
     ~SerialPort() override;
@@ -72,7 +85,7 @@ public:
     bool open();
     // Releases the device; the line settings found at open() are restored first.
     void close();
-    // close() and open(), e.g. after the link was lost or to take a new device name.
+    // close() and open(), e.g. to take a new device name.
     bool reopen();
 
     State state() const;
@@ -119,13 +132,24 @@ public:
     int getDelay() override;
 
 private:
+    // What went wrong while opening or configuring.
+    struct Failure
+    {
+        Error error = Error::NoError;
+        QString text;
+    };
+
     int readBytes(char *data, int maxSize);
     // The callers of these hold m_mutex.
+    bool claimDevice(const QString &path, Failure *failure);
+    bool isUsable();
+    bool reclaimLostLink();
+    bool pathStillNamesDevice() const;
     void setError(Error error, const QString &text);
     void reportNotOpen();
     void releaseDevice();
     void loseLink(const QString &reason);
-    bool configure(int fd, const DeviceSetting &device);
+    static bool configure(int fd, const DeviceSetting &device, Failure *failure);
 
     mutable QMutex m_mutex; // guards everything below except the atomics
     QMutex m_writeMutex; // keeps one write whole against another; taken before m_mutex
@@ -135,8 +159,10 @@ private:
     State m_state = State::Closed;
     Error m_error = Error::NoError;
     QString m_errorString;
-    QString m_openPath;
+    QString m_openPath; // as named, symbolic links unresolved
+    dev_t m_openDevice = 0; // the device that m_openPath named at open
     termios m_savedSettings {}; // as found at open(), restored by close()
+    std::chrono::steady_clock::time_point m_nextReopen; // while LinkLost
 
     std::atomic<int> m_retry;
     std::atomic<int> m_delay;

@@ -1,5 +1,6 @@
 #include "serialport.h"
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
@@ -12,6 +13,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -89,6 +91,31 @@ int bytesAvailable(SerialPort &port)
     return value.toInt();
 }
 
+// Collects the host port's warnings while it lives.
+struct HostWarnings
+{
+    HostWarnings()
+    {
+        active = this;
+        previous = qInstallMessageHandler(collect);
+    }
+    ~HostWarnings()
+    {
+        qInstallMessageHandler(previous);
+        active = nullptr;
+    }
+    static void collect(QtMsgType type, const QMessageLogContext &context, const QString &text)
+    {
+        if (type == QtWarningMsg && qstrcmp(context.category, "hust.host") == 0)
+            active->texts << text;
+        previous(type, context, text);
+    }
+
+    QStringList texts;
+    static inline HostWarnings *active = nullptr;
+    static inline QtMessageHandler previous = nullptr;
+};
+
 } // namespace
 
 class TestSerialPort : public QObject
@@ -116,15 +143,22 @@ private slots:
         QTest::addColumn<QString>("line");
         QTest::addColumn<uint>("size");
         QTest::addColumn<speed_t>("speed");
-        QTest::newRow("7E2") << "38400 7E2" << uint(CS7) << speed_t(B38400);
-        QTest::newRow("8O1") << "115200 8O1" << uint(CS8) << speed_t(B115200);
-        QTest::newRow("5N1") << "300 5N1" << uint(CS5) << speed_t(B300);
+        QTest::addColumn<QString>("leftBehind"); // by an earlier process that was killed
+        QTest::newRow("7E2") << "38400 7E2" << uint(CS7) << speed_t(B38400) << "";
+        QTest::newRow("8O1") << "115200 8O1" << uint(CS8) << speed_t(B115200) << "";
+        QTest::newRow("5N1") << "300 5N1" << uint(CS5) << speed_t(B300) << "";
+        // Everything but the data bits and parity already in place: nothing left to change.
+        QTest::newRow("7E2 over a killed port's settings")
+            << "38400 7E2" << uint(CS7) << speed_t(B38400) << "killed port";
+        QTest::newRow("7E2 over suspended output")
+            << "38400 7E2" << uint(CS7) << speed_t(B38400) << "suspended output";
     }
     void appliesLineSettings()
     {
         QFETCH(QString, line);
         QFETCH(uint, size);
         QFETCH(speed_t, speed);
+        QFETCH(QString, leftBehind);
         const DeviceSetting setting = lineSetting(m_master->slavePath, line);
         const bool parity = setting.parity != 0;
         // A pseudo-terminal always keeps 8 bits without parity, so those are checked on the
@@ -138,6 +172,18 @@ private slots:
         QCOMPARE(bool(asked.c_cflag & PARODD), setting.parity == 1);
         QCOMPARE(bool(asked.c_iflag & INPCK), parity);
 
+        const int other = ::open(qPrintable(m_master->slavePath), O_RDWR | O_NOCTTY | O_NONBLOCK);
+        QVERIFY(other >= 0);
+        termios found;
+        QCOMPARE(::tcgetattr(other, &found), 0);
+        if (leftBehind == QLatin1String("killed port")) {
+            QVERIFY(SerialPort::makeLineSettings(setting, &found, &refusal));
+            QCOMPARE(::tcsetattr(other, TCSANOW, &found), 0);
+            QCOMPARE(::tcgetattr(other, &found), 0);
+        } else if (leftBehind == QLatin1String("suspended output")) {
+            QCOMPARE(::tcflow(other, TCOOFF), 0);
+        }
+
         QVERIFY(m_port->setDeviceSetting(setting));
         QVERIFY2(m_port->open(), qPrintable(m_port->errorString()));
         termios taken;
@@ -147,6 +193,22 @@ private slots:
         QCOMPARE(taken.c_lflag & (ICANON | ECHO | ISIG), tcflag_t(0));
         QCOMPARE(taken.c_oflag & OPOST, tcflag_t(0));
         QCOMPARE(taken.c_iflag & (IXON | IXOFF | ICRNL | ISTRIP), tcflag_t(0));
+        QCOMPARE(m_port->writeData("out", 3), 3);
+        QCOMPARE(m_master->read(3), QByteArray("out"));
+        // Nothing a killed port could leave behind refuses a later open: an exclusive mode
+        // outlives its process on a pseudo-terminal.
+        int exclusive = -1;
+        QCOMPARE(::ioctl(other, TIOCGEXCL, &exclusive), 0);
+        QCOMPARE(exclusive, 0);
+
+        m_port->close();
+        termios restored;
+        QCOMPARE(::tcgetattr(other, &restored), 0);
+        ::close(other);
+        QCOMPARE(restored.c_iflag, found.c_iflag);
+        QCOMPARE(restored.c_oflag, found.c_oflag);
+        QCOMPARE(restored.c_cflag, found.c_cflag);
+        QCOMPARE(restored.c_lflag, found.c_lflag);
     }
 
     void refusesToOpen_data()
@@ -297,39 +359,76 @@ private slots:
         QCOMPARE(m_port->error(), SerialPort::Error::NoError);
     }
 
-    void reportsLostLink_data()
+    void recoversLostLink_data()
     {
-        QTest::addColumn<bool>("byWrite");
-        QTest::newRow("seen by a read") << false;
-        QTest::newRow("seen by a write") << true;
+        QTest::addColumn<QString>("loss");
+        QTest::newRow("hang-up seen by a read") << "read";
+        QTest::newRow("hang-up seen by a write") << "write";
+        QTest::newRow("vanished and returning link") << "vanished";
     }
-    void reportsLostLink()
+    void recoversLostLink()
     {
-        QFETCH(bool, byWrite);
+        QFETCH(QString, loss);
+        // The port names the controller through a symbolic link, as a simulator's link or
+        // /dev/serial/by-id do; a restarted controller re-points it.
+        QTemporaryDir dir;
+        const QString link = dir.filePath(QStringLiteral("cnc"));
+        const auto pointLink = [&link](const QString &target) {
+            QFile::remove(link);
+            return QFile::link(target, link);
+        };
+        QVERIFY(pointLink(m_master->slavePath));
+        QVERIFY(m_port->setDeviceSetting(lineSetting(link)));
         m_port->setReadTimeout(10);
         QVERIFY(m_port->open());
-        m_master->close();
+        HostWarnings warnings;
+
         char buffer[200];
-        if (byWrite)
-            QVERIFY(m_port->writeData("lost", 4) < 4);
-        else
+        if (loss == QLatin1String("vanished")) {
+            QFile::remove(link);
             QCOMPARE(m_port->readData(buffer, sizeof buffer), 0);
+        } else {
+            m_master->close();
+            if (loss == QLatin1String("write"))
+                QVERIFY(m_port->writeData("lost", 4) < 4);
+            else
+                QCOMPARE(m_port->readData(buffer, sizeof buffer), 0);
+        }
         QCOMPARE(m_port->state(), SerialPort::State::LinkLost);
         QCOMPARE(m_port->handle(), -1);
         QCOMPARE(m_port->error(), SerialPort::Error::LinkLost);
         const QString reason = m_port->errorString();
-        QVERIFY2(reason.contains(m_port->portName()), qPrintable(reason));
-        // Further calls give nothing and keep the first reason.
-        QCOMPARE(m_port->writeData("x", 1), 0);
-        QCOMPARE(m_port->readData(buffer, sizeof buffer), 0);
-        QCOMPARE(bytesAvailable(*m_port), -1);
-        QCOMPARE(m_port->errorString(), reason);
-        // A new controller end appears under another name: reopen there.
-        m_master = std::make_unique<PtyMaster>();
-        QVERIFY(m_port->setDeviceSetting(lineSetting(m_master->slavePath)));
-        QVERIFY2(m_port->reopen(), qPrintable(m_port->errorString()));
-        QCOMPARE(m_port->writeData("back", 4), 4);
+        QVERIFY2(reason.contains(link), qPrintable(reason));
+        // The controller is off for a while; its path is gone. Reads give nothing without
+        // waiting for the line, writes fail, and reopening is tried without a warning each time.
+        QFile::remove(link);
+        m_port->setReadTimeout(30000);
+        QElapsedTimer timer;
+        timer.start();
+        for (int i = 0; i < 2; ++i) {
+            QCOMPARE(m_port->readData(buffer, sizeof buffer), 0);
+            QCOMPARE(m_port->writeData("x", 1), 0);
+            QCOMPARE(bytesAvailable(*m_port), -1);
+            QTest::qWait(SerialPort::ReopenIntervalMs);
+        }
+        QVERIFY(timer.elapsed() < m_port->readTimeout());
+
+        // The controller comes back behind the same path: the port takes it up by itself.
+        if (loss != QLatin1String("vanished"))
+            m_master = std::make_unique<PtyMaster>();
+        QVERIFY(pointLink(m_master->slavePath));
+        bool sent = false;
+        QTRY_VERIFY_WITH_TIMEOUT(sent || (sent = m_port->writeData("back", 4) == 4), 10000);
         QCOMPARE(m_master->read(4), QByteArray("back"));
+        QVERIFY(m_master->write("fresh"));
+        QCOMPARE(m_port->readData(buffer, 5), 5);
+        QCOMPARE(QByteArray(buffer, 5), QByteArray("fresh"));
+        QCOMPARE(m_port->state(), SerialPort::State::Open);
+        QCOMPARE(m_port->errorString(), reason);
+        // One warning for the loss and one for the reopening, however often it was tried.
+        QCOMPARE(warnings.texts.size(), 2);
+        QVERIFY2(warnings.texts.at(1).startsWith(QLatin1String("Reopened")),
+                 qPrintable(warnings.texts.at(1)));
     }
 };
 
