@@ -19,17 +19,9 @@ class TestWorkerLink : public QObject
 private slots:
     void init()
     {
-        hustsim::SimulatorConfig config;
-        config.paced = false;
-        config.frameCounter = false;
-        config.seed = 7;
-        m_sim.reset(new hustsim::Simulator(config));
-        for (int i = 0; i < RegisterCount; ++i)
-            m_sim->setRegister(FirstRegister + i, quint32(FirstRegister + i) * 1000 + 7);
-        QVERIFY2(m_sim->start(), qPrintable(m_sim->errorString()));
-
+        QVERIFY(startSimulator());
         m_port.reset(
-            new SerialPort(DeviceSetting(DEVICE_SERIAL, m_sim->devicePath(), 38400, 7, 2, 2),
+            new SerialPort(DeviceSetting(DEVICE_SERIAL, m_link.filePath("cnc"), 38400, 7, 2, 2),
                            DriverSetting(1000, 2, 0, 0)));
         QVERIFY2(m_port->open(), qPrintable(m_port->errorString()));
         m_serialized.reset(new SerializedPort(m_port.get()));
@@ -62,35 +54,43 @@ private slots:
     {
         QTest::addColumn<hustsim::FaultSettings>("faults");
         QTest::addColumn<int>("cablePullMs");
+        QTest::addColumn<bool>("restart"); // a new controller behind the same path
         hustsim::FaultSettings f;
         f.garbageProbability = 0.3;
-        QTest::newRow("random bytes") << f << 0;
+        QTest::newRow("random bytes") << f << 0 << false;
         f = hustsim::FaultSettings();
         f.hCodeRepeat = 3;
-        QTest::newRow("repeated H codes") << f << 0;
+        QTest::newRow("repeated H codes") << f << 0 << false;
         f = hustsim::FaultSettings();
         f.shortValueProbability = 0.2;
         // Cut frames and short values make frames of another length than the expected response:
         // the forward search must not join them with the next frame's head.
-        QTest::newRow("short values") << f << 0;
+        QTest::newRow("short values") << f << 0 << false;
         f = hustsim::FaultSettings();
         f.cutProbability = 0.3;
-        QTest::newRow("cut frames") << f << 0;
+        QTest::newRow("cut frames") << f << 0 << false;
         f = hustsim::FaultSettings();
         f.silence = true;
-        QTest::newRow("silence") << f << 0;
-        QTest::newRow("dropped link") << hustsim::FaultSettings() << 1000;
+        QTest::newRow("silence") << f << 0 << false;
+        // Longer than the worker's empty reads, so that the request it sends again is lost too.
+        QTest::newRow("cable pull") << hustsim::FaultSettings() << 2500 << false;
+        QTest::newRow("restart behind the same path") << hustsim::FaultSettings() << 0 << true;
     }
 
     void faultRecovery()
     {
         QFETCH(hustsim::FaultSettings, faults);
         QFETCH(int, cablePullMs);
+        QFETCH(bool, restart);
         m_sim->setFaults(faults);
         if (cablePullMs > 0)
             m_sim->pullCable(cablePullMs);
+        if (restart)
+            m_sim->stop();
         int wrong = 0;
         pump(1500, wrong);
+        if (restart)
+            QVERIFY(startSimulator());
         m_sim->setFaults(hustsim::FaultSettings());
 
         // Blocks flow again, with the controller's values.
@@ -103,6 +103,20 @@ private slots:
 private:
     static constexpr int FirstRegister = 10;
     static constexpr int RegisterCount = 20;
+
+    // A controller holding known values, its pseudo-terminal named by the link path.
+    bool startSimulator()
+    {
+        hustsim::SimulatorConfig config;
+        config.linkPath = m_link.filePath("cnc");
+        config.paced = false;
+        config.frameCounter = false;
+        config.seed = 7;
+        m_sim.reset(new hustsim::Simulator(config));
+        for (int i = 0; i < RegisterCount; ++i)
+            m_sim->setRegister(FirstRegister + i, quint32(FirstRegister + i) * 1000 + 7);
+        return m_sim->start();
+    }
 
     bool isSeeded(const QByteArray &data) const
     {
@@ -134,6 +148,7 @@ private:
         return blocks;
     }
 
+    QTemporaryDir m_link;
     std::unique_ptr<hustsim::Simulator> m_sim;
     std::unique_ptr<SerialPort> m_port;
     std::unique_ptr<SerializedPort> m_serialized;
