@@ -12,6 +12,10 @@ if [ "${1:-}" = "--tests" ]; then
   # The fuzz targets are built with clang's libFuzzer and sanitizer run-times.
   packages+=(clang-14 libclang-rt-14-dev)
 fi
+if [ "${1:-}" = "--armhf" ]; then
+  # The cross-build for the ARM panels: Debian's cross toolchain, and qemu to run its tests.
+  packages+=(crossbuild-essential-armhf qemu-user-static file)
+fi
 
 missing=()
 for p in "${packages[@]}"; do
