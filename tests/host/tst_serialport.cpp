@@ -6,6 +6,7 @@
 #include <QTest>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <thread>
@@ -197,8 +198,10 @@ private slots:
         QCOMPARE(m_master->read(3), QByteArray("out"));
         // Nothing a killed port could leave behind refuses a later open: an exclusive mode
         // outlives its process on a pseudo-terminal.
-        int exclusive = -1;
-        QCOMPARE(::ioctl(other, TIOCGEXCL, &exclusive), 0);
+        // (qemu-user does not carry this request and answers ENOSYS, which no kernel does.)
+        int exclusive = 0;
+        if (::ioctl(other, TIOCGEXCL, &exclusive) != 0)
+            QCOMPARE(errno, ENOSYS);
         QCOMPARE(exclusive, 0);
 
         m_port->close();
