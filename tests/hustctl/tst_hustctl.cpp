@@ -106,12 +106,16 @@ private slots:
         QTest::newRow("word of bits unaligned")
             << words("read I5 -t word") << 2 << ".*multiple of 16";
         QTest::newRow("value beyond 32 bits")
-            << words("write DW1 4294967296") << 2 << ".*out of the 32-bit range";
+            << words("write DW1 4294967296") << 2 << ".*not a 32-bit number";
         QTest::newRow("bit value 2") << words("write B10.3 2") << 2 << ".*a bit is 0 or 1";
         QTest::newRow("write to inputs") << words("write I5 1") << 2 << ".*cannot be written";
         QTest::newRow("regular file as port")
             << (words("read DW1 --port") << QFINDTESTDATA("tst_hustctl.cpp")) << 1
             << ".*not a terminal";
+        QTest::newRow("JSON error")
+            << words("--json read DW1 -t qword") << 2 << ".*\"qword\" is not a type";
+        QTest::newRow("option of another command")
+            << words("read DW1 --burn") << 2 << "--burn does not apply to read";
         QTest::newRow("missing plug-in")
             << words("--plugin /nonexistent/libx.so read DW1") << 1 << ".*no such file";
         // Program files the controller would get only part of, or that never end.
@@ -155,11 +159,14 @@ private slots:
         const Run run = hustctl(args);
         if (master >= 0)
             close(master);
-        QVERIFY2(run.status == status && run.out.isEmpty(), describe(run));
-        QCOMPARE(run.err.count('\n'), 1);
-        QVERIFY2(
-            QRegularExpression("^hustctl: " + message).match(QString::fromUtf8(run.err)).hasMatch(),
-            describe(run));
+        // With --json the error is an object on standard output instead.
+        const bool json = args.contains("--json");
+        const QString error = json
+            ? QJsonDocument::fromJson(run.out).object().value("error").toString()
+            : QString::fromUtf8(run.err).remove(QRegularExpression("^hustctl: "));
+        QVERIFY2(run.status == status && (json ? run.err : run.out).isEmpty(), describe(run));
+        QCOMPARE((json ? run.out : run.err).count('\n'), 1);
+        QVERIFY2(QRegularExpression("^" + message).match(error).hasMatch(), describe(run));
     }
 
     // The controller's frame counter moves on by itself, so a value written there never shows.
@@ -204,6 +211,23 @@ private slots:
             << "--json write B300 1 0x10 -1"
             << QByteArray(
                    "{\"address\":\"B300\",\"type\":\"dword\",\"values\":[1,16,4294967295]}\n");
+        QTest::newRow("signed, float and hex, -c3 and --")
+            << "--sim-set 101=-8 --sim-set 100=0x3fc00000 --json read DW101:int DW100:float "
+               "DW102 -thex -c1 --"
+            << QByteArray("{\"address\":\"DW101\",\"type\":\"int\",\"values\":[-8]}\n"
+                          "{\"address\":\"DW100\",\"type\":\"float\",\"values\":[1.5]}\n"
+                          "{\"address\":\"DW102\",\"type\":\"hex\",\"values\":[\"0x00000000\"]}\n");
+        QTest::newRow("write a float")
+            << "--json write DW5 -t float 0.1"
+            << QByteArray("{\"address\":\"DW5\",\"type\":\"float\",\"values\":[0.1]}\n");
+        QTest::newRow("negative value after --")
+            << "--json write DW6 -t int -- -8"
+            << QByteArray("{\"address\":\"DW6\",\"type\":\"int\",\"values\":[-8]}\n");
+        // The frame counter moves by itself; without the read-back the write is taken at once.
+        QTest::newRow("no read-back")
+            << "--json write DW0 0 --no-verify"
+            << QByteArray("{\"address\":\"DW0\",\"type\":\"dword\",\"values\":[0],"
+                          "\"verified\":false}\n");
         QTest::newRow("set a bit")
             << "--sim-set 10=0x1 write B10.3 1 --json"
             << QByteArray("{\"address\":\"B10.3\",\"type\":\"bit\",\"values\":[1]}\n");
@@ -248,10 +272,11 @@ private slots:
         sim.pullCable(4000);
         QVERIFY(process.waitForFinished(30000));
         QCOMPARE(process.exitCode(), 1);
-        QVERIFY(process.readAllStandardError().startsWith("hustctl: stale values on "));
 
+        // 70 refreshes, the statistics and the error that ends the watch.
         const QList<QByteArray> lines = process.readAllStandardOutput().trimmed().split('\n');
-        QCOMPARE(lines.size(), 71);
+        QCOMPARE(lines.size(), 72);
+        QVERIFY2(lines.last().startsWith("{\"error\":\"stale values on "), lines.last());
         QString marks;
         double previous = -1;
         for (const QByteArray &line : lines.mid(0, 70)) {
@@ -265,10 +290,20 @@ private slots:
         }
         QVERIFY2(QRegularExpression("^\\.+S+\\.+$").match(marks).hasMatch(), qPrintable(marks));
         const QJsonObject summary
-            = QJsonDocument::fromJson(lines.last()).object()["summary"].toObject();
+            = QJsonDocument::fromJson(lines.at(70)).object()["summary"].toObject();
         QCOMPARE(summary["refreshes"].toInt(), 70);
         QCOMPARE(summary["errorRefreshes"].toInt(), marks.count('S'));
-        QVERIFY2(summary["longestGapSeconds"].toDouble() >= 3.5, lines.last());
+        QVERIFY2(summary["longestGapSeconds"].toDouble() >= 3.5, lines.at(70));
+    }
+
+    // Each command answers --help with its own text, the same as "help COMMAND".
+    void commandHelp()
+    {
+        const Run own = hustctl(words("read --help"));
+        QVERIFY2(own.status == 0 && own.out.startsWith("usage: hustctl read ADDRESS"),
+                 describe(own));
+        QCOMPARE(hustctl(words("help read")).out, own.out);
+        QVERIFY(hustctl(words("--help")).out != own.out);
     }
 
     void demo()

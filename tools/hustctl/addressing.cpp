@@ -1,6 +1,10 @@
 #include "addressing.h"
 
+#include "sharedoptions.h"
+
 #include <QRegularExpression>
+
+#include <cstring>
 
 namespace {
 
@@ -23,16 +27,25 @@ int deviceBase(const QString &prefix)
     return 10832; // A
 }
 
-bool parseType(const QString &text, ValueType *type)
+bool parseType(const QString &text, ValueType *type, ValueFormat *format)
 {
+    *format = ValueFormat::Plain;
     if (text == QLatin1String("bit"))
         *type = ValueType::Bit;
     else if (text == QLatin1String("word"))
         *type = ValueType::Word;
     else if (text == QLatin1String("dword"))
         *type = ValueType::DWord;
+    else if (text == QLatin1String("int"))
+        *format = ValueFormat::Signed;
+    else if (text == QLatin1String("hex"))
+        *format = ValueFormat::Hex;
+    else if (text == QLatin1String("float"))
+        *format = ValueFormat::Float;
     else
         return false;
+    if (*format != ValueFormat::Plain)
+        *type = ValueType::DWord;
     return true;
 }
 
@@ -119,12 +132,13 @@ bool Target::parse(const QString &address, const QString &typeText, int count, T
 
     const bool bitAddress = t.m_bit >= 0;
     t.m_type = (bitAddress || !registerKind) ? ValueType::Bit : ValueType::DWord;
-    if (!typeText.isEmpty() && !parseType(typeText, &t.m_type)) {
-        *reason = QStringLiteral("\"%1\" is not a type (bit, word or dword)").arg(typeText);
+    if (!typeText.isEmpty() && !parseType(typeText, &t.m_type, &t.m_format)) {
+        *reason = QStringLiteral("\"%1\" is not a type (bit, word, dword, int, hex or float)")
+                      .arg(typeText);
         return false;
     }
     if (bitAddress && t.m_type != ValueType::Bit) {
-        *reason = QStringLiteral("%1 is a bit: it has no %2 type").arg(address, typeName(t.m_type));
+        *reason = QStringLiteral("%1 is a bit: it has no %2 type").arg(address, t.typeText());
         return false;
     }
     if (registerKind && !bitAddress && t.m_type == ValueType::Bit) {
@@ -167,6 +181,21 @@ bool Target::parse(const QString &address, const QString &typeText, int count, T
     }
     *target = t;
     return true;
+}
+
+QString Target::typeText() const
+{
+    switch (m_format) {
+    case ValueFormat::Signed:
+        return QStringLiteral("int");
+    case ValueFormat::Hex:
+        return QStringLiteral("hex");
+    case ValueFormat::Float:
+        return QStringLiteral("float");
+    case ValueFormat::Plain:
+        break;
+    }
+    return typeName(m_type);
 }
 
 QList<int> Target::doubleWords() const
@@ -278,29 +307,29 @@ bool Target::writeRequest(const QList<quint32> &values, DriverRequest *request,
 
 bool parseValue32(const QString &text, quint32 *value, QString *reason)
 {
-    bool ok = false;
-    qint64 v = 0;
-    if (text.startsWith(QLatin1String("0x")) || text.startsWith(QLatin1String("0X")))
-        v = text.size() > 2 && text.size() <= 10 ? text.mid(2).toLongLong(&ok, 16) : 0;
-    else if (text.size() <= 11)
-        v = text.toLongLong(&ok, 10);
-    if (!ok) {
-        *reason = QStringLiteral("\"%1\" is not a number").arg(text);
-        return false;
-    }
-    if (v < -2147483648LL || v > 4294967295LL) {
-        *reason = QStringLiteral("%1 is out of the 32-bit range").arg(text);
-        return false;
-    }
-    *value = quint32(v);
-    return true;
+    if (cli::parseValue32(text, value))
+        return true;
+    *reason = QStringLiteral("\"%1\" is not a 32-bit number").arg(text);
+    return false;
 }
 
-bool parseValue(const QString &text, ValueType type, quint32 *value, QString *reason)
+bool parseValue(const QString &text, const Target &target, quint32 *value, QString *reason)
 {
-    if (!parseValue32(text, value, reason))
+    if (target.format() == ValueFormat::Float) {
+        bool ok = false;
+        const float f = text.toFloat(&ok);
+        if (!ok) {
+            *reason = QStringLiteral("\"%1\" is not a float").arg(text);
+            return false;
+        }
+        std::memcpy(value, &f, sizeof f);
+        return true;
+    }
+    const bool bareHex = target.format() == ValueFormat::Hex
+        && !text.startsWith(QLatin1String("0x")) && !text.startsWith(QLatin1String("0X"));
+    if (!parseValue32(bareHex ? QStringLiteral("0x") + text : text, value, reason))
         return false;
-    if (type == ValueType::Bit && *value > 1) {
+    if (target.type() == ValueType::Bit && *value > 1) {
         *reason = QStringLiteral("%1: a bit is 0 or 1").arg(text);
         return false;
     }

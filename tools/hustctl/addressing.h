@@ -14,6 +14,9 @@ constexpr int kLastDeviceBit = 255;
 constexpr int kMaxDoubleWordsPerRequest = 99;
 
 enum class ValueType { Bit, Word, DWord };
+// How a double word is shown and written: unsigned, signed (int), hexadecimal (hex) or as the
+// IEEE 754 single it holds (float).
+enum class ValueFormat { Plain, Signed, Hex, Float };
 
 QString typeName(ValueType type);
 
@@ -30,12 +33,16 @@ class Target
 {
 public:
     // Checks ADDRESS against the controller's address space. typeText may be empty (the address
-    // kind's natural type); count is the number of consecutive values.
+    // kind's natural type), bit, word, dword, int, hex or float (the last three are double words);
+    // count is the number of consecutive values.
     static bool parse(const QString &address, const QString &typeText, int count, Target *target,
                       QString *reason);
 
     QString text() const { return m_text; }
     ValueType type() const { return m_type; }
+    ValueFormat format() const { return m_format; }
+    // The type as the command line names it (int, hex and float for formatted double words).
+    QString typeText() const;
     int count() const { return m_count; }
 
     // The requests that read the target, in value order.
@@ -58,12 +65,14 @@ private:
     int m_number = 0;
     int m_bit = -1; // B<n>.<bit> only
     ValueType m_type = ValueType::DWord;
+    ValueFormat m_format = ValueFormat::Plain;
     int m_count = 1;
 };
 
 // A 32-bit value: decimal (negative ones as two's complement) or 0x hexadecimal.
 bool parseValue32(const QString &text, quint32 *value, QString *reason);
-// A value for the type: 0 or 1 for bits.
-bool parseValue(const QString &text, ValueType type, quint32 *value, QString *reason);
+// A value for the target: 0 or 1 for bits, a number in the target's format for double words
+// (hex digits with or without 0x, a decimal fraction for float).
+bool parseValue(const QString &text, const Target &target, quint32 *value, QString *reason);
 
 #endif // HUSTCTL_ADDRESSING_H

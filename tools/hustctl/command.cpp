@@ -1,11 +1,16 @@
 #include "command.h"
 
 #include "commands.h"
+#include "output.h"
+
+#include <QJsonObject>
 
 std::unique_ptr<Command> Command::create(const QString &name)
 {
     if (name == QLatin1String("info"))
         return std::make_unique<InfoCommand>();
+    if (name == QLatin1String("ports"))
+        return std::make_unique<PortsCommand>();
     if (name == QLatin1String("read"))
         return std::make_unique<ReadCommand>();
     if (name == QLatin1String("write"))
@@ -19,9 +24,35 @@ std::unique_ptr<Command> Command::create(const QString &name)
     return nullptr;
 }
 
+namespace {
+
+QTextStream *jsonErrors = nullptr;
+
+int report(QTextStream &err, const QString &message, int status)
+{
+    if (jsonErrors) {
+        *jsonErrors << jsonLine(QJsonObject {{QStringLiteral("error"), message}}) << '\n';
+        jsonErrors->flush();
+    } else {
+        err << "hustctl: " << message << '\n';
+        err.flush();
+    }
+    return status;
+}
+
+} // namespace
+
+void reportErrorsAsJson(QTextStream *out)
+{
+    jsonErrors = out;
+}
+
 int fail(QTextStream &err, const QString &message)
 {
-    err << "hustctl: " << message << '\n';
-    err.flush();
-    return 1;
+    return report(err, message, 1);
+}
+
+int usage(QTextStream &err, const QString &message)
+{
+    return report(err, message, 2);
 }

@@ -20,6 +20,7 @@ struct CommandEnv
     DriverHost *host;
     QTextStream &out;
     QTextStream &err;
+    QString pluginFile; // the driver plug-in's path
 };
 
 // One command word of hustctl. prepare() checks the arguments before anything is opened or sent;
@@ -34,6 +35,8 @@ public:
 
     // Whether run() talks to the controller (opens the link and starts the driver's worker).
     virtual bool needsLink() const { return true; }
+    // Whether run() needs the driver plug-in at all.
+    virtual bool needsDriver() const { return true; }
     // Whether run() may put the driver's notices on a panel (hustctl then runs as a widget
     // application when a display is available).
     virtual bool mayShowNotices() const { return false; }
@@ -42,7 +45,12 @@ public:
     virtual int run(CommandEnv &env) = 0;
 };
 
-// Prints "hustctl: <message>" on the error stream and returns 1.
+// Prints "hustctl: <message>" on the error stream and returns 1; with --json, the object
+// {"error": "<message>"} on standard output instead.
 int fail(QTextStream &err, const QString &message);
+// The same with exit status 2, for a usage error.
+int usage(QTextStream &err, const QString &message);
+// From now on errors go to out as JSON objects.
+void reportErrorsAsJson(QTextStream *out);
 
 #endif // HUSTCTL_COMMAND_H

@@ -16,7 +16,17 @@ public:
     int run(CommandEnv &env) override;
 };
 
-// read ADDRESS [-t TYPE] [-c COUNT]
+// The serial devices of the machine with their stable names.
+class PortsCommand : public Command
+{
+public:
+    bool needsLink() const override { return false; }
+    bool needsDriver() const override { return false; }
+    bool prepare(CtlOptions &, QString *) override { return true; }
+    int run(CommandEnv &env) override;
+};
+
+// read ADDRESS[:TYPE]... [-t TYPE] [-c COUNT]
 class ReadCommand : public Command
 {
 public:
@@ -27,7 +37,7 @@ private:
     Target m_target;
 };
 
-// write ADDRESS VALUE... [-t bit|dword], confirmed by reading the values back.
+// write ADDRESS VALUE... [-t TYPE] [--no-verify], confirmed by reading the values back.
 class WriteCommand : public Command
 {
 public:
@@ -44,8 +54,6 @@ private:
 class WatchCommand : public Command
 {
 public:
-    static constexpr int kDefaultIntervalMs = 500;
-
     bool mayShowNotices() const override { return m_doubleWords > kMaxDoubleWordsPerRequest; }
     bool prepare(CtlOptions &options, QString *reason) override;
     int run(CommandEnv &env) override;

@@ -9,8 +9,16 @@
 
 QString DriverPlugin::defaultPath()
 {
-    return QDir(QCoreApplication::applicationDirPath())
-        .absoluteFilePath(QStringLiteral("../plugins/libhust_cnc_driver.so"));
+    const QString chosen = qEnvironmentVariable("HUSTCTL_PLUGIN");
+    if (!chosen.isEmpty())
+        return chosen;
+    // Installed, the plug-in directory lies at a fixed place relative to the program's, so a
+    // moved prefix or an unpacked package still finds it; in the build tree it is ../plugins.
+    const QDir bin(QCoreApplication::applicationDirPath());
+    const QString installed
+        = bin.absoluteFilePath(QStringLiteral(HUSTCTL_PLUGIN_DIR "/" HUSTCTL_PLUGIN_FILE));
+    const QString built = bin.absoluteFilePath(QStringLiteral("../plugins/" HUSTCTL_PLUGIN_FILE));
+    return QFileInfo::exists(installed) || !QFileInfo::exists(built) ? installed : built;
 }
 
 DriverPlugin::~DriverPlugin()

@@ -11,7 +11,8 @@ class DriverInterface;
 class DriverPlugin
 {
 public:
-    // The plug-in built beside this program (../plugins from the executable's directory).
+    // $HUSTCTL_PLUGIN, else the plug-in installed beside this program, else the one of the build
+    // tree.
     static QString defaultPath();
 
     DriverPlugin() = default;

@@ -132,45 +132,20 @@ bool writeKey(DriverHost &host, const CommunicatorCommand &command, const QByteA
 
 bool GCodeCommand::prepare(CtlOptions &options, QString *reason)
 {
-    const QString action = options.arguments.first();
-    if (action == QLatin1String("get")) {
-        if (options.arguments.size() > 1) {
-            *reason = QStringLiteral("gcode get takes no file (\"%1\"); use -o FILE")
-                          .arg(options.arguments.at(1));
-            return false;
-        }
-        if (options.burn) {
-            *reason = QStringLiteral("--burn applies to gcode put");
-            return false;
-        }
-    } else if (action == QLatin1String("put")) {
-        if (options.arguments.size() != 2) {
-            *reason = QStringLiteral("gcode put takes one program file");
-            return false;
-        }
-        if (options.allPrograms || !options.outputPath.isEmpty()) {
-            *reason
-                = QStringLiteral("%1 applies to gcode get")
-                      .arg(options.allPrograms ? QStringLiteral("--all") : QStringLiteral("-o"));
-            return false;
-        }
-        m_put = true;
-        // The program is read and checked before the line is opened: a file the controller
-        // would get only part of is refused before anything is sent.
-        const QString path = options.arguments.at(1);
-        if (!readProgramFile(path, HustGCodeprotocol::MaxAnswerSize, &m_program, reason))
-            return false;
-        const QString defect = programDefect(m_program);
-        if (!defect.isEmpty()) {
-            *reason = QStringLiteral("%1: %2").arg(path, defect);
-            return false;
-        }
-    } else {
-        *reason = QStringLiteral("gcode: \"%1\" is neither get nor put").arg(action);
-        return false;
-    }
+    m_put = options.put;
     if (options.timeoutGiven)
         m_timeoutMs = options.timeoutMs;
+    if (!m_put)
+        return true;
+    // The program is read and checked before the line is opened: a file the controller would get
+    // only part of is refused before anything is sent.
+    if (!readProgramFile(options.programFile, HustGCodeprotocol::MaxAnswerSize, &m_program, reason))
+        return false;
+    const QString defect = programDefect(m_program);
+    if (!defect.isEmpty()) {
+        *reason = QStringLiteral("%1: %2").arg(options.programFile, defect);
+        return false;
+    }
     return true;
 }
 

@@ -31,24 +31,35 @@ void filterMessages(QtMsgType type, const QMessageLogContext &context, const QSt
         defaultHandler(type, context, message);
 }
 
-int usage(QTextStream &err, const QString &reason)
+// Whether errors are to be JSON: --json before any "--".
+bool jsonRequested(const QStringList &args)
 {
-    err << "hustctl: " << reason << '\n';
-    return 2;
+    for (const QString &arg : args) {
+        if (arg == QLatin1String("--"))
+            return false;
+        if (arg == QLatin1String("--json"))
+            return true;
+    }
+    return false;
 }
 
 // Loads the plug-in, opens the line when the command needs it and runs the command.
 int run(Command &command, const CtlOptions &options, QCoreApplication &app, QTextStream &out,
         QTextStream &err)
 {
+    if (!command.needsDriver()) {
+        CommandEnv env {options, nullptr, nullptr, out, err, QString()};
+        return command.run(env);
+    }
     Link link; // declared first, so that the driver is gone before its port
     DriverPlugin plugin;
-    if (!plugin.load(options.pluginPath.isEmpty() ? DriverPlugin::defaultPath()
-                                                  : options.pluginPath))
+    const QString pluginFile
+        = options.pluginPath.isEmpty() ? DriverPlugin::defaultPath() : options.pluginPath;
+    if (!plugin.load(pluginFile))
         return fail(err, plugin.errorString());
 
     if (!command.needsLink()) {
-        CommandEnv env {options, plugin.driver(), nullptr, out, err};
+        CommandEnv env {options, plugin.driver(), nullptr, out, err, pluginFile};
         return command.run(env);
     }
 
@@ -56,7 +67,7 @@ int run(Command &command, const CtlOptions &options, QCoreApplication &app, QTex
     if (!link.open(options.link, plugin.driver(), &reason))
         return fail(err, reason);
     DriverHost host(plugin.driver(), link.port());
-    CommandEnv env {options, plugin.driver(), &host, out, err};
+    CommandEnv env {options, plugin.driver(), &host, out, err, pluginFile};
     const int status = command.run(env);
     out.flush();
 
@@ -82,12 +93,18 @@ int main(int argc, char *argv[])
     QStringList args;
     for (int i = 1; i < argc; ++i)
         args << QString::fromLocal8Bit(argv[i]);
+    if (jsonRequested(args))
+        reportErrorsAsJson(&out);
     CtlOptions options;
     QString reason;
     if (!parseOptions(args, &options, &reason))
         return usage(err, reason);
+    if (options.version) {
+        out << hustctlTool().name << ' ' << hustctlTool().version << '\n';
+        return 0;
+    }
     if (options.help) {
-        out << usageText();
+        out << cli::helpText(hustctlTool(), options.command);
         return 0;
     }
     std::unique_ptr<Command> command = Command::create(options.command);

@@ -1,288 +1,347 @@
 #include "options.h"
 
-#include "addressing.h"
-
-#include <QSet>
+#include "sharedoptions.h"
 
 namespace {
 
-const QStringList kCommands
-    = {QStringLiteral("info"),  QStringLiteral("demo"),  QStringLiteral("read"),
-       QStringLiteral("write"), QStringLiteral("watch"), QStringLiteral("gcode")};
+using cli::Command;
+using cli::Option;
+using cli::Parsed;
 
-// A leading minus followed by a digit is a negative value, not an option.
-bool looksLikeOption(const QString &arg)
+const Option kType {QStringLiteral("type"),
+                    QLatin1Char('t'),
+                    QStringLiteral("TYPE"),
+                    QStringLiteral("bit, word, dword, int (signed), hex or float (the IEEE 754\n"
+                                   "single in a double word); ADDRESS:TYPE sets one address's"),
+                    {}};
+
+// Each command's checks of its own options and arguments, beside its entry in the table below.
+using Check = bool (*)(const Parsed &, CtlOptions *, QString *);
+
+// ADDRESS[:TYPE] with -t as the default type.
+bool parseTargets(const Parsed &p, int count, CtlOptions *o, QString *reason)
 {
-    return arg.size() > 1 && arg.at(0) == QLatin1Char('-') && !arg.at(1).isDigit();
-}
-
-bool toInt(const QString &name, const QString &text, int low, int high, int *value, QString *reason)
-{
-    bool ok = false;
-    const int v = text.toInt(&ok, 10);
-    if (!ok || v < low || v > high) {
-        *reason = QStringLiteral("%1: \"%2\" is not a number from %3 to %4")
-                      .arg(name, text)
-                      .arg(low)
-                      .arg(high);
-        return false;
-    }
-    *value = v;
-    return true;
-}
-
-// Which command accepts which command option.
-bool optionFits(const QString &option, const QString &command)
-{
-    if (option == QLatin1String("-t"))
-        return command == QLatin1String("read") || command == QLatin1String("write");
-    if (option == QLatin1String("-c"))
-        return command == QLatin1String("read");
-    if (option == QLatin1String("--all") || option == QLatin1String("-o")
-        || option == QLatin1String("--burn"))
-        return command == QLatin1String("gcode");
-    return command == QLatin1String("watch"); // -l and -n
-}
-
-} // namespace
-
-bool parseRegisterSeed(const QString &text, QPair<int, quint32> *seed, QString *reason)
-{
-    const int eq = text.indexOf(QLatin1Char('='));
-    bool ok = false;
-    const int index = eq > 0 ? text.left(eq).toInt(&ok, 10) : -1;
-    if (!ok || index < 0 || index > kLastDoubleWord) {
-        *reason = QStringLiteral("--sim-set: \"%1\" is not N=VALUE with N from 0 to %2")
-                      .arg(text)
-                      .arg(kLastDoubleWord);
-        return false;
-    }
-    quint32 value = 0;
-    if (!parseValue32(text.mid(eq + 1), &value, reason)) {
-        *reason = QStringLiteral("--sim-set: ") + *reason;
-        return false;
-    }
-    *seed = qMakePair(index, value);
-    return true;
-}
-
-bool parseOptions(const QStringList &args, CtlOptions *o, QString *reason)
-{
-    QStringList positional;
-    QStringList commandOptions;
-    for (int i = 0; i < args.size(); ++i) {
-        QString arg = args.at(i);
-        if (!looksLikeOption(arg)) {
-            positional << arg;
-            continue;
-        }
-        QString inlineValue;
-        bool hasInline = false;
-        if (arg.startsWith(QLatin1String("--")) && arg.contains(QLatin1Char('='))) {
-            const int eq = arg.indexOf(QLatin1Char('='));
-            inlineValue = arg.mid(eq + 1);
-            arg = arg.left(eq);
-            hasInline = true;
-        }
-        auto value = [&](QString *out) {
-            if (hasInline) {
-                *out = inlineValue;
-                return true;
-            }
-            if (i + 1 >= args.size()) {
-                *reason = QStringLiteral("%1 needs a value").arg(arg);
-                return false;
-            }
-            *out = args.at(++i);
-            return true;
-        };
-        auto flag = [&] {
-            if (hasInline)
-                *reason = QStringLiteral("%1 takes no value").arg(arg);
-            return !hasInline;
-        };
-
-        QString v;
-        if (arg == QLatin1String("-h") || arg == QLatin1String("--help")) {
-            if (!flag())
-                return false;
-            o->help = true;
-        } else if (arg == QLatin1String("--json")) {
-            if (!flag())
-                return false;
-            o->json = true;
-        } else if (arg == QLatin1String("--no-pace")) {
-            if (!flag())
-                return false;
-            o->link.pace = false;
-        } else if (arg == QLatin1String("--plugin")) {
-            if (!value(&o->pluginPath))
-                return false;
-        } else if (arg == QLatin1String("-p") || arg == QLatin1String("--port")) {
-            if (!value(&o->link.device))
-                return false;
-            if (o->link.device.isEmpty()) {
-                *reason = QStringLiteral("%1 needs a device path").arg(arg);
-                return false;
-            }
-        } else if (arg == QLatin1String("-b") || arg == QLatin1String("--baud")) {
-            if (!value(&v) || !toInt(arg, v, 50, 4000000, &o->link.baud, reason))
-                return false;
-        } else if (arg == QLatin1String("-d") || arg == QLatin1String("--databits")) {
-            if (!value(&v) || !toInt(arg, v, 7, 8, &o->link.dataBits, reason))
-                return false;
-        } else if (arg == QLatin1String("-s") || arg == QLatin1String("--stopbits")) {
-            if (!value(&v) || !toInt(arg, v, 1, 2, &o->link.stopBits, reason))
-                return false;
-        } else if (arg == QLatin1String("-P") || arg == QLatin1String("--parity")) {
-            if (!value(&v))
-                return false;
-            if (v != QLatin1String("even") && v != QLatin1String("odd")
-                && v != QLatin1String("none")) {
-                *reason = QStringLiteral("%1: \"%2\" is not even, odd or none").arg(arg, v);
-                return false;
-            }
-            o->link.parity = v;
-        } else if (arg == QLatin1String("--delay")) {
-            if (!value(&v) || !toInt(arg, v, 0, 60000, &o->link.delayMs, reason))
-                return false;
-        } else if (arg == QLatin1String("--retry")) {
-            if (!value(&v) || !toInt(arg, v, 0, 100, &o->link.retry, reason))
-                return false;
-        } else if (arg == QLatin1String("--timeout")) {
-            if (!value(&v) || !toInt(arg, v, 1, 3600000, &o->timeoutMs, reason))
-                return false;
-            o->timeoutGiven = true;
-        } else if (arg == QLatin1String("--sim-set")) {
-            QPair<int, quint32> seed;
-            if (!value(&v) || !parseRegisterSeed(v, &seed, reason))
-                return false;
-            o->link.simRegisters << seed;
-        } else if (arg == QLatin1String("--sim-programs")) {
-            if (!value(&o->link.simPrograms))
-                return false;
-            if (o->link.simPrograms.isEmpty()) {
-                *reason = QStringLiteral("%1 needs a directory").arg(arg);
-                return false;
-            }
-        } else if (arg == QLatin1String("--all")) {
-            if (!flag())
-                return false;
-            o->allPrograms = true;
-            commandOptions << arg;
-        } else if (arg == QLatin1String("--burn")) {
-            if (!flag())
-                return false;
-            o->burn = true;
-            commandOptions << arg;
-        } else if (arg == QLatin1String("-o") || arg == QLatin1String("--output")) {
-            if (!value(&o->outputPath))
-                return false;
-            if (o->outputPath.isEmpty()) {
-                *reason = QStringLiteral("%1 needs a file name").arg(arg);
-                return false;
-            }
-            commandOptions << QStringLiteral("-o");
-        } else if (arg == QLatin1String("-t") || arg == QLatin1String("--type")) {
-            if (!value(&o->type))
-                return false;
-            commandOptions << QStringLiteral("-t");
-        } else if (arg == QLatin1String("-c") || arg == QLatin1String("--count")) {
-            if (!value(&v) || !toInt(arg, v, 1, kLastDoubleWord + 1, &o->count, reason))
-                return false;
-            commandOptions << QStringLiteral("-c");
-        } else if (arg == QLatin1String("-l") || arg == QLatin1String("--interval")) {
-            if (!value(&v) || !toInt(arg, v, 10, 3600000, &o->intervalMs, reason))
-                return false;
-            commandOptions << QStringLiteral("-l");
-        } else if (arg == QLatin1String("-n") || arg == QLatin1String("--refreshes")) {
-            if (!value(&v) || !toInt(arg, v, 1, 1000000000, &o->refreshes, reason))
-                return false;
-            commandOptions << QStringLiteral("-n");
-        } else {
-            *reason = QStringLiteral("unknown option \"%1\"").arg(args.at(i));
+    for (const QString &argument : p.arguments) {
+        const int colon = argument.indexOf(QLatin1Char(':'));
+        const QString type = colon < 0 ? p.value(kType.name) : argument.mid(colon + 1);
+        if (colon >= 0 && type.isEmpty()) {
+            *reason = QStringLiteral("%1: no type after the colon").arg(argument);
             return false;
         }
+        Target target;
+        if (!Target::parse(colon < 0 ? argument : argument.left(colon), type, count, &target,
+                           reason))
+            return false;
+        o->targets << target;
+        o->keys << argument;
     }
+    return true;
+}
 
-    if (o->help)
+bool noCheck(const Parsed &, CtlOptions *, QString *)
+{
+    return true;
+}
+
+bool checkRead(const Parsed &p, CtlOptions *o, QString *reason)
+{
+    int count = 1;
+    if (p.isSet(QStringLiteral("count"))
+        && !cli::toInt(QStringLiteral("--count"), p.value(QStringLiteral("count")), 1,
+                       kLastDoubleWord + 1, &count, reason))
+        return false;
+    return parseTargets(p, count, o, reason);
+}
+
+bool checkWrite(const Parsed &p, CtlOptions *o, QString *reason)
+{
+    const QStringList valueTexts = p.arguments.mid(1);
+    Target target;
+    if (!Target::parse(p.arguments.first(), p.value(kType.name), valueTexts.size(), &target,
+                       reason))
+        return false;
+    for (const QString &text : valueTexts) {
+        quint32 value = 0;
+        if (!parseValue(text, target, &value, reason))
+            return false;
+        o->values << value;
+    }
+    DriverRequest request;
+    if (!target.writeRequest(o->values, &request, reason))
+        return false;
+    o->targets << target;
+    o->keys << target.text();
+    o->noVerify = p.isSet(QStringLiteral("no-verify"));
+    return true;
+}
+
+bool checkWatch(const Parsed &p, CtlOptions *o, QString *reason)
+{
+    if (p.isSet(QStringLiteral("interval"))
+        && !cli::toInt(QStringLiteral("--interval"), p.value(QStringLiteral("interval")), 10,
+                       3600000, &o->intervalMs, reason))
+        return false;
+    if (p.isSet(QStringLiteral("refreshes"))
+        && !cli::toInt(QStringLiteral("--refreshes"), p.value(QStringLiteral("refreshes")), 1,
+                       1000000000, &o->refreshes, reason))
+        return false;
+    return parseTargets(p, 1, o, reason);
+}
+
+bool checkGCode(const Parsed &p, CtlOptions *o, QString *reason)
+{
+    const QString action = p.arguments.first();
+    o->allPrograms = p.isSet(QStringLiteral("all"));
+    o->outputPath = p.value(QStringLiteral("output"));
+    o->burn = p.isSet(QStringLiteral("burn"));
+    if (p.isSet(QStringLiteral("output")) && o->outputPath.isEmpty()) {
+        *reason = QStringLiteral("--output needs a file name");
+        return false;
+    }
+    if (action == QLatin1String("get")) {
+        if (p.arguments.size() > 1) {
+            *reason = QStringLiteral("gcode get takes no file (\"%1\"); use -o FILE")
+                          .arg(p.arguments.at(1));
+            return false;
+        }
+        if (o->burn) {
+            *reason = QStringLiteral("--burn applies to gcode put");
+            return false;
+        }
         return true;
+    }
+    if (action != QLatin1String("put")) {
+        *reason = QStringLiteral("gcode: \"%1\" is neither get nor put").arg(action);
+        return false;
+    }
+    if (p.arguments.size() != 2) {
+        *reason = QStringLiteral("gcode put takes one program file");
+        return false;
+    }
+    if (o->allPrograms || p.isSet(QStringLiteral("output"))) {
+        *reason = QStringLiteral("%1 applies to gcode get")
+                      .arg(o->allPrograms ? QStringLiteral("--all") : QStringLiteral("--output"));
+        return false;
+    }
+    o->put = true;
+    o->programFile = p.arguments.at(1);
+    return true;
+}
+
+struct Entry
+{
+    Command command;
+    Check check;
+};
+
+const QList<Entry> &entries()
+{
+    static const QList<Entry> table {
+        {{QStringLiteral("info"),
+          QString(),
+          QStringLiteral("the driver's identity and the line settings this command line gives"),
+          0,
+          0,
+          {},
+          {QStringLiteral("info"), QStringLiteral("--json -p /dev/ttyUSB0 -b 9600 info")}},
+         noCheck},
+        {{QStringLiteral("ports"),
+          QString(),
+          QStringLiteral("the serial devices of this machine, with their stable names"),
+          0,
+          0,
+          {},
+          {QStringLiteral("ports")}},
+         noCheck},
+        {{QStringLiteral("demo"),
+          QString(),
+          QStringLiteral("a screen on the built-in simulator: read, write, read again, measure"),
+          0,
+          0,
+          {},
+          {QStringLiteral("demo")}},
+         noCheck},
+        {{QStringLiteral("read"),
+          QStringLiteral("ADDRESS[:TYPE]..."),
+          QStringLiteral("read registers and bits once"),
+          1,
+          -1,
+          {kType,
+           {QStringLiteral("count"),
+            QLatin1Char('c'),
+            QStringLiteral("N"),
+            QStringLiteral("consecutive values from each address (1)"),
+            {}}},
+          {QStringLiteral("read DW100 -c2"), QStringLiteral("read DW101:int B10.3 I5"),
+           QStringLiteral("-p /dev/ttyUSB0 --json read DW200 -t float")}},
+         checkRead},
+        {{QStringLiteral("write"),
+          QStringLiteral("ADDRESS VALUE..."),
+          QStringLiteral("write a B bit or double words (several values fill consecutive ones),\n"
+                         "then read them back"),
+          2,
+          -1,
+          {kType,
+           {QStringLiteral("no-verify"),
+            QChar(),
+            QString(),
+            QStringLiteral("do not wait for the values to read back (for registers the\n"
+                           "controller changes by itself)"),
+            {}}},
+          {QStringLiteral("write B10.3 1"), QStringLiteral("write DW101 -t int -- -8"),
+           QStringLiteral("write DW200 -t float 1.5"), QStringLiteral("write DW0 0 --no-verify")}},
+         checkWrite},
+        {{QStringLiteral("watch"),
+          QStringLiteral("ADDRESS[:TYPE]..."),
+          QStringLiteral("a live screen of values; stale ones are marked with the driver's error"),
+          1,
+          -1,
+          {kType,
+           {QStringLiteral("interval"),
+            QLatin1Char('l'),
+            QStringLiteral("MS"),
+            QStringLiteral("time between refreshes (500)"),
+            {}},
+           {QStringLiteral("refreshes"),
+            QLatin1Char('n'),
+            QStringLiteral("N"),
+            QStringLiteral("stop after N refreshes (default: at Ctrl-C)"),
+            {}}},
+          {QStringLiteral("watch DW100 I5 B10.3 -l 200"),
+           QStringLiteral("-p /dev/ttyUSB0 --json watch DW0 DW100:int -n 20")}},
+         checkWatch},
+        {{QStringLiteral("gcode"),
+          QStringLiteral("get|put [FILE]"),
+          QStringLiteral("move part programs: get the current (or every) one, put FILE"),
+          1,
+          2,
+          {{QStringLiteral("all"), QChar(), QString(), QStringLiteral("get: every program"), {}},
+           {QStringLiteral("output"),
+            QLatin1Char('o'),
+            QStringLiteral("FILE"),
+            QStringLiteral("get: write the program to FILE (standard output)"),
+            {}},
+           {QStringLiteral("burn"),
+            QChar(),
+            QString(),
+            QStringLiteral("put: have the controller store the program"),
+            {}}},
+          {QStringLiteral("gcode get -o current.nc"), QStringLiteral("gcode get --all"),
+           QStringLiteral("-p /dev/ttyUSB0 gcode put part.nc --burn")}},
+         checkGCode},
+    };
+    return table;
+}
+
+bool parseGlobal(const Parsed &p, CtlOptions *o, QString *reason)
+{
+    if (!cli::readLineOptions(p, &o->link.device, &o->link.baud, &o->link.dataBits,
+                              &o->link.stopBits, &o->link.parity, reason)
+        || !cli::readSimulatorOptions(p, &o->link.simRegisters, &o->link.simPrograms, &o->link.pace,
+                                      reason))
+        return false;
+    if (p.isSet(QStringLiteral("delay"))
+        && !cli::toInt(QStringLiteral("--delay"), p.value(QStringLiteral("delay")), 0, 60000,
+                       &o->link.delayMs, reason))
+        return false;
+    if (p.isSet(QStringLiteral("retry"))
+        && !cli::toInt(QStringLiteral("--retry"), p.value(QStringLiteral("retry")), 0, 100,
+                       &o->link.retry, reason))
+        return false;
+    o->timeoutGiven = p.isSet(QStringLiteral("timeout"));
+    if (o->timeoutGiven
+        && !cli::toInt(QStringLiteral("--timeout"), p.value(QStringLiteral("timeout")), 1, 3600000,
+                       &o->timeoutMs, reason))
+        return false;
+    o->json = p.isSet(QStringLiteral("json"));
+    o->link.trace = p.isSet(QStringLiteral("trace"));
+    o->pluginPath = p.value(QStringLiteral("plugin"));
     if (!o->link.device.isEmpty()
         && (!o->link.simRegisters.isEmpty() || !o->link.simPrograms.isEmpty() || !o->link.pace)) {
         *reason = QStringLiteral("--sim-set, --sim-programs and --no-pace apply to the built-in "
                                  "simulator, not to --port");
         return false;
     }
-    if (positional.isEmpty()) {
-        *reason = QStringLiteral("no command given");
-        return false;
-    }
-    o->command = positional.takeFirst();
-    o->arguments = positional;
-    if (!kCommands.contains(o->command)) {
-        *reason = QStringLiteral("unknown command \"%1\"").arg(o->command);
-        return false;
-    }
-    for (const QString &option : qAsConst(commandOptions)) {
-        if (!optionFits(option, o->command)) {
-            *reason = QStringLiteral("%1 does not apply to %2").arg(option, o->command);
-            return false;
-        }
-    }
-    const bool takesArguments = o->command == QLatin1String("read")
-        || o->command == QLatin1String("write") || o->command == QLatin1String("watch")
-        || o->command == QLatin1String("gcode");
-    if (!takesArguments && !o->arguments.isEmpty()) {
-        *reason = QStringLiteral("%1 takes no arguments (\"%2\")")
-                      .arg(o->command, o->arguments.first());
-        return false;
-    }
-    if (takesArguments && o->arguments.isEmpty()) {
-        *reason = o->command == QLatin1String("gcode")
-            ? QStringLiteral("gcode needs get or put")
-            : QStringLiteral("%1 needs an address").arg(o->command);
-        return false;
-    }
-    if (o->command == QLatin1String("read") && o->arguments.size() > 1) {
-        *reason
-            = QStringLiteral("read takes one address (\"%1\" is extra)").arg(o->arguments.at(1));
-        return false;
-    }
-    if (o->command == QLatin1String("write") && o->arguments.size() < 2) {
-        *reason = QStringLiteral("write needs an address and at least one value");
-        return false;
-    }
     return true;
 }
 
-QString usageText()
+} // namespace
+
+const cli::Tool &hustctlTool()
 {
-    return QStringLiteral(
-        "usage: hustctl [options] COMMAND [arguments] [options]\n"
-        "commands:\n"
-        "  info                                  driver identity and default settings\n"
-        "  demo                                  read, write and re-read a screen on the "
-        "simulator\n"
-        "  read ADDRESS [-t bit|word|dword] [-c COUNT]\n"
-        "  write ADDRESS VALUE... [-t bit|dword] several values fill consecutive double words\n"
-        "  watch ADDRESS[:TYPE]... [-l MS] [-n REFRESHES]\n"
-        "  gcode get [--all] [-o FILE]           the current (or every) program, to FILE or "
-        "stdout\n"
-        "  gcode put FILE [--burn]               send a program; --burn has the controller "
-        "store it\n"
-        "addresses: DW<n> and B<n> double words (n 0-99999), B<n>.<bit> (bit 0-31),\n"
-        "  I<n> O<n> C<n> S<n> A<n> controller bits (n 0-255)\n"
-        "options:\n"
-        "  -p, --port DEVICE   serial device (default: the built-in simulator on a pty)\n"
-        "  -b BAUD (38400)  -d 7|8 (7)  -s 1|2 (2)  -P even|odd|none (even)\n"
-        "  --delay MS  --retry N   pause before each request and read retries (driver defaults)\n"
-        "  --timeout MS (5000)     the whole wait for data, the driver's retries included\n"
-        "                          (gcode: for the transfer, 300000)\n"
-        "  --sim-set N=VALUE       seed a simulator double word (repeatable)\n"
-        "  --sim-programs DIR      simulator programs, one per file (default: one sample)\n"
-        "  --no-pace               simulator answers without line pacing\n"
-        "  --json                  machine-readable output\n"
-        "  --plugin PATH           driver plug-in (default: ../plugins beside this program)\n"
-        "diagnostics: QT_LOGGING_RULES=\"hust.*=true\" hustctl ...\n"
-        "exit status: 0 success, 1 driver or line error or no data in time, 2 usage error\n");
+    static const cli::Tool tool = [] {
+        cli::Tool t;
+        t.name = QStringLiteral("hustctl");
+        t.version = QStringLiteral(HUST_VERSION);
+        t.summary = QStringLiteral(
+            "Reads, writes and watches a Hust CNC controller's registers and moves its part\n"
+            "programs through the panel driver plug-in, on a serial device or, without --port,\n"
+            "on a built-in controller simulator.");
+        t.options = cli::lineOptions(
+                        QStringLiteral("the serial device (default: the built-in simulator)"))
+            + cli::simulatorOptions();
+        t.options += {
+            {QStringLiteral("delay"),
+             QChar(),
+             QStringLiteral("MS"),
+             QStringLiteral("pause before each request (driver default)"),
+             {}},
+            {QStringLiteral("retry"),
+             QChar(),
+             QStringLiteral("N"),
+             QStringLiteral("the driver's read retries (driver default)"),
+             {}},
+            {QStringLiteral("timeout"),
+             QChar(),
+             QStringLiteral("MS"),
+             QStringLiteral("the whole wait for data, retries included (5000;\n"
+                            "gcode: for the transfer, 300000)"),
+             {}},
+            {QStringLiteral("json"),
+             QChar(),
+             QString(),
+             QStringLiteral("one JSON object per line, errors included"),
+             {}},
+            {QStringLiteral("trace"),
+             QChar(),
+             QString(),
+             QStringLiteral("every frame sent (>) and received (<) on standard error"),
+             {}},
+            {QStringLiteral("plugin"),
+             QChar(),
+             QStringLiteral("PATH"),
+             QStringLiteral("the driver plug-in (default: $HUSTCTL_PLUGIN, else the one\n"
+                            "installed beside this program)"),
+             {}},
+        };
+        for (const Entry &e : entries())
+            t.commands << e.command;
+        t.epilogue = QStringLiteral(
+            "addresses: DW<n> and B<n> double words (n 0-99999), B<n>.<bit> (bit 0-31),\n"
+            "  I<n> O<n> C<n> S<n> A<n> controller bits (n 0-255)\n"
+            "diagnostics: QT_LOGGING_RULES=\"hust.*=true\" hustctl ...\n"
+            "exit status: 0 success, 1 driver or line error or no data in time, 2 usage error\n");
+        return t;
+    }();
+    return tool;
+}
+
+bool parseOptions(const QStringList &args, CtlOptions *o, QString *reason)
+{
+    Parsed p;
+    if (!cli::parse(hustctlTool(), args, &p, reason))
+        return false;
+    o->help = p.help;
+    o->version = p.version;
+    o->command = p.command;
+    o->arguments = p.arguments;
+    if (o->help || o->version)
+        return true;
+    if (!parseGlobal(p, o, reason))
+        return false;
+    for (const Entry &e : entries()) {
+        if (e.command.name == o->command)
+            return e.check(p, o, reason);
+    }
+    return false;
 }

@@ -4,6 +4,9 @@
 #include <QJsonDocument>
 
 #include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstring>
 
 QVector<quint32> decodeValues(const QByteArray &data, ValueType type)
 {
@@ -18,21 +21,63 @@ QVector<quint32> decodeValues(const QByteArray &data, ValueType type)
     return values;
 }
 
-QJsonObject readJson(const QString &address, ValueType type, const QVector<quint32> &values)
+namespace {
+
+float asFloat(quint32 value)
 {
-    QJsonArray numbers;
+    float f;
+    std::memcpy(&f, &value, sizeof f);
+    return f;
+}
+
+// The shortest decimal text that reads back as the same single, so 0.1 shows as 0.1 and not as
+// the double nearest to the single.
+QString floatText(float f)
+{
+    char text[32];
+    const auto end = std::to_chars(text, text + sizeof text, f).ptr;
+    return QString::fromLatin1(text, int(end - text));
+}
+
+QString hexText(quint32 value, ValueType type)
+{
+    return QStringLiteral("0x%1").arg(value, type == ValueType::Word ? 4 : 8, 16, QLatin1Char('0'));
+}
+
+} // namespace
+
+QJsonValue jsonValue(quint32 value, ValueType type, ValueFormat format)
+{
+    switch (format) {
+    case ValueFormat::Signed:
+        return double(qint32(value));
+    case ValueFormat::Hex:
+        return hexText(value, type);
+    case ValueFormat::Float: {
+        const float f = asFloat(value);
+        return std::isfinite(f) ? QJsonValue(floatText(f).toDouble()) : QJsonValue();
+    }
+    case ValueFormat::Plain:
+        break;
+    }
+    return double(value);
+}
+
+QJsonObject readJson(const Target &target, const QVector<quint32> &values)
+{
+    QJsonArray items;
     for (quint32 v : values)
-        numbers.append(double(v));
-    return QJsonObject {{QStringLiteral("address"), address},
-                        {QStringLiteral("type"), typeName(type)},
-                        {QStringLiteral("values"), numbers}};
+        items.append(jsonValue(v, target.type(), target.format()));
+    return QJsonObject {{QStringLiteral("address"), target.text()},
+                        {QStringLiteral("type"), target.typeText()},
+                        {QStringLiteral("values"), items}};
 }
 
 QJsonObject watchJson(double seconds, const QList<WatchValue> &values, const QString &error)
 {
     QJsonObject members;
     for (const WatchValue &v : values)
-        members.insert(v.key, v.value ? QJsonValue(double(*v.value)) : QJsonValue());
+        members.insert(v.key, v.value ? jsonValue(*v.value, v.type, v.format) : QJsonValue());
     // Milliseconds are the clock's resolution.
     QJsonObject line {{QStringLiteral("t"), qRound64(seconds * 1000.0) / 1000.0},
                       {QStringLiteral("values"), members}};
@@ -46,12 +91,21 @@ QString jsonLine(const QJsonObject &object)
     return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
 }
 
-QString formatValue(quint32 value, ValueType type)
+QString formatValue(quint32 value, ValueType type, ValueFormat format)
 {
+    switch (format) {
+    case ValueFormat::Signed:
+        return QString::number(qint32(value));
+    case ValueFormat::Hex:
+        return hexText(value, type);
+    case ValueFormat::Float:
+        return floatText(asFloat(value));
+    case ValueFormat::Plain:
+        break;
+    }
     if (type == ValueType::Bit)
         return QString::number(value);
-    const int digits = type == ValueType::Word ? 4 : 8;
-    return QStringLiteral("%1 (0x%2)").arg(value).arg(value, digits, 16, QLatin1Char('0'));
+    return QStringLiteral("%1 (%2)").arg(value).arg(hexText(value, type));
 }
 
 QStringList formatTable(const QList<QStringList> &rows)

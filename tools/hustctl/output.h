@@ -15,14 +15,20 @@
 // double word. Trailing bytes that do not fill a value are ignored.
 QVector<quint32> decodeValues(const QByteArray &data, ValueType type);
 
+// A value in JSON: a number (signed for int, the single's value for float, null for a NaN or an
+// infinity, which JSON cannot hold), or the text "0x..." for hex.
+QJsonValue jsonValue(quint32 value, ValueType type, ValueFormat format);
+
 // {"address":"DW100","type":"dword","values":[1,2]}
-QJsonObject readJson(const QString &address, ValueType type, const QVector<quint32> &values);
+QJsonObject readJson(const Target &target, const QVector<quint32> &values);
 
 // One watched value of a refresh; no value when the driver had no data for it.
 struct WatchValue
 {
     QString key;
     std::optional<quint32> value;
+    ValueType type = ValueType::DWord;
+    ValueFormat format = ValueFormat::Plain;
 };
 
 // {"t":1.234,"values":{"DW100":1,"I5":0}}, with "error": the driver's message while stale.
@@ -31,8 +37,9 @@ QJsonObject watchJson(double seconds, const QList<WatchValue> &values, const QSt
 // The object as one compact line of text, without the line feed.
 QString jsonLine(const QJsonObject &object);
 
-// A human-readable value: decimal, with the hexadecimal form for words and double words.
-QString formatValue(quint32 value, ValueType type);
+// A human-readable value: decimal with the hexadecimal form for words and plain double words, or
+// the double word's format alone.
+QString formatValue(quint32 value, ValueType type, ValueFormat format = ValueFormat::Plain);
 
 // Left-aligned columns, two blanks apart.
 QStringList formatTable(const QList<QStringList> &rows);

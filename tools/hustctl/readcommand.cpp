@@ -4,27 +4,36 @@
 #include "output.h"
 #include "targetreader.h"
 
-bool ReadCommand::prepare(CtlOptions &options, QString *reason)
+bool ReadCommand::prepare(CtlOptions &, QString *)
 {
-    return Target::parse(options.arguments.first(), options.type, qMax(1, options.count), &m_target,
-                         reason);
+    return true;
 }
 
 int ReadCommand::run(CommandEnv &env)
 {
-    env.host->setSession(sessionCommands({m_target}));
-    QVector<quint32> values;
-    QString error;
-    if (!readTarget(*env.host, m_target, env.options.timeoutMs, &values, &error))
-        return fail(env.err, error);
+    const QList<Target> &targets = env.options.targets;
+    env.host->setSession(sessionCommands(targets));
+    QList<QVector<quint32>> results;
+    for (const Target &target : targets) {
+        QVector<quint32> values;
+        QString error;
+        if (!readTarget(*env.host, target, env.options.timeoutMs, &values, &error))
+            return fail(env.err, error);
+        results << values;
+    }
 
     if (env.options.json) {
-        env.out << jsonLine(readJson(m_target.text(), m_target.type(), values)) << '\n';
+        for (int t = 0; t < targets.size(); ++t)
+            env.out << jsonLine(readJson(targets.at(t), results.at(t))) << '\n';
         return 0;
     }
     QList<QStringList> rows;
-    for (int i = 0; i < values.size(); ++i)
-        rows << QStringList {m_target.itemLabel(i), formatValue(values.at(i), m_target.type())};
+    for (int t = 0; t < targets.size(); ++t) {
+        const Target &target = targets.at(t);
+        for (int i = 0; i < results.at(t).size(); ++i)
+            rows << QStringList {target.itemLabel(i),
+                                 formatValue(results.at(t).at(i), target.type(), target.format())};
+    }
     for (const QString &line : formatTable(rows))
         env.out << line << '\n';
     return 0;

@@ -77,22 +77,10 @@ void printStatistics(CommandEnv &env, const Freshness &freshness, qint64 endMs)
 
 } // namespace
 
-bool WatchCommand::prepare(CtlOptions &options, QString *reason)
+bool WatchCommand::prepare(CtlOptions &options, QString *)
 {
-    for (const QString &argument : qAsConst(options.arguments)) {
-        const int colon = argument.indexOf(QLatin1Char(':'));
-        const QString address = colon < 0 ? argument : argument.left(colon);
-        const QString type = colon < 0 ? options.type : argument.mid(colon + 1);
-        if (colon >= 0 && type.isEmpty()) {
-            *reason = QStringLiteral("%1: no type after the colon").arg(argument);
-            return false;
-        }
-        Target target;
-        if (!Target::parse(address, type, 1, &target, reason))
-            return false;
-        m_keys << argument;
-        m_targets << target;
-    }
+    m_keys = options.keys;
+    m_targets = options.targets;
     m_doubleWords = screenDoubleWords(m_targets);
     return true;
 }
@@ -139,7 +127,7 @@ int WatchCommand::reportOverflow(CommandEnv &env)
 int WatchCommand::run(CommandEnv &env)
 {
     const CtlOptions &o = env.options;
-    const int interval = o.intervalMs > 0 ? o.intervalMs : kDefaultIntervalMs;
+    const int interval = o.intervalMs;
     if (m_doubleWords > kMaxDoubleWordsPerRequest)
         return reportOverflow(env);
     const bool inPlace = !o.json && isatty(STDOUT_FILENO);
@@ -185,7 +173,7 @@ int WatchCommand::run(CommandEnv &env)
 
         QList<WatchValue> row;
         for (int i = 0; i < m_targets.size(); ++i) {
-            WatchValue wv {m_keys.at(i), {}};
+            WatchValue wv {m_keys.at(i), {}, m_targets.at(i).type(), m_targets.at(i).format()};
             if (!values.at(i).isEmpty())
                 wv.value = values.at(i).first();
             row << wv;
@@ -198,9 +186,9 @@ int WatchCommand::run(CommandEnv &env)
             QList<QStringList> table;
             for (int i = 0; i < row.size(); ++i) {
                 table << QStringList {row.at(i).key,
-                                      row.at(i).value
-                                          ? formatValue(*row.at(i).value, m_targets.at(i).type())
-                                          : QStringLiteral("-")};
+                                      row.at(i).value ? formatValue(
+                                          *row.at(i).value, row.at(i).type, row.at(i).format)
+                                                      : QStringLiteral("-")};
             }
             if (inPlace) {
                 QString title
@@ -212,7 +200,10 @@ int WatchCommand::run(CommandEnv &env)
                 QStringList cells {QString::number(seconds, 'f', 3)};
                 for (const WatchValue &wv : qAsConst(row))
                     cells << wv.key + QLatin1Char('=')
-                            + (wv.value ? QString::number(*wv.value) : QStringLiteral("-"));
+                            + (wv.value && wv.format != ValueFormat::Plain
+                                   ? formatValue(*wv.value, wv.type, wv.format)
+                                   : wv.value ? QString::number(*wv.value)
+                                              : QStringLiteral("-"));
                 if (stale)
                     cells << mark;
                 env.out << cells.join(QStringLiteral("  ")) << '\n';
