@@ -9,6 +9,7 @@ set(CPACK_PACKAGE_CONTACT "hust-cnc-driver maintainers <root@localhost>")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION devel)
+set(CPACK_STRIP_FILES ON)
 
 # The package's architecture is the target's, not the build machine's: a cross build names its
 # Debian architecture (HUST_DEB_ARCHITECTURE, or the one its multiarch triplet stands for).

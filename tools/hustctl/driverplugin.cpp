@@ -15,9 +15,10 @@ QString DriverPlugin::defaultPath()
     // Installed, the plug-in directory lies at a fixed place relative to the program's, so a
     // moved prefix or an unpacked package still finds it; in the build tree it is ../plugins.
     const QDir bin(QCoreApplication::applicationDirPath());
-    const QString installed
-        = bin.absoluteFilePath(QStringLiteral(HUSTCTL_PLUGIN_DIR "/" HUSTCTL_PLUGIN_FILE));
-    const QString built = bin.absoluteFilePath(QStringLiteral("../plugins/" HUSTCTL_PLUGIN_FILE));
+    const QString installed = QDir::cleanPath(
+        bin.absoluteFilePath(QStringLiteral(HUSTCTL_PLUGIN_DIR "/" HUSTCTL_PLUGIN_FILE)));
+    const QString built
+        = QDir::cleanPath(bin.absoluteFilePath(QStringLiteral("../plugins/" HUSTCTL_PLUGIN_FILE)));
     return QFileInfo::exists(installed) || !QFileInfo::exists(built) ? installed : built;
 }
 
