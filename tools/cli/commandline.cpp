@@ -290,6 +290,11 @@ QString helpText(const Tool &tool, const QString &commandName)
     if (!namedCommands(tool) && !tool.commands.isEmpty())
         options += tool.commands.first().options;
     text += QStringLiteral("\noptions:\n") + optionsHelp(options + QList<Option> {kHelp, kVersion});
+    if (!namedCommands(tool) && !tool.commands.first().examples.isEmpty()) {
+        text += QStringLiteral("\nexamples:\n");
+        for (const QString &example : tool.commands.first().examples)
+            text += QStringLiteral("  %1 %2\n").arg(tool.name, example);
+    }
     if (!tool.epilogue.isEmpty())
         text += QLatin1Char('\n') + tool.epilogue;
     return text;

@@ -43,8 +43,12 @@ int main(int argc, char **argv)
     QString reason;
     if (!parseCommandLine(args, &commandLine, &reason))
         return usageError(reason);
+    if (commandLine.version) {
+        printf("hust-sim %s\n", qPrintable(hustSimTool().version));
+        return 0;
+    }
     if (commandLine.help) {
-        printf("%s", qPrintable(usageText()));
+        printf("%s", qPrintable(cli::helpText(hustSimTool())));
         return 0;
     }
     QList<QPair<int, quint32>> seeds;

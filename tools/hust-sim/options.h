@@ -1,6 +1,7 @@
 #ifndef HUSTSIM_OPTIONS_H
 #define HUSTSIM_OPTIONS_H
 
+#include "commandline.h"
 #include "simulator.h"
 
 #include <QList>
@@ -28,18 +29,17 @@ struct CommandLine
     TimedFault cablePull;
     TimedFault hangup;
     bool help = false;
+    bool version = false;
 };
 
 // Parses the arguments (without the program name). False with a one-line reason on a usage error.
 bool parseCommandLine(const QStringList &args, CommandLine *out, QString *reason);
 
-// Parses "N=V": a double-word index 0..99999 and a 32-bit value in decimal or 0x hexadecimal.
-bool parseRegisterSeed(const QString &text, QPair<int, quint32> *seed, QString *reason);
-
 // Reads a JSON object {"index": value, ...}; values are numbers or decimal/0x texts.
 bool loadRegisterFile(const QString &path, QList<QPair<int, quint32>> *seeds, QString *reason);
 
-QString usageText();
+// hust-sim's options, for its help.
+const cli::Tool &hustSimTool();
 
 } // namespace hustsim
 

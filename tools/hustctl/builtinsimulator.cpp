@@ -1,5 +1,6 @@
 #include "builtinsimulator.h"
 
+#include "codec.h"
 #include "simulator.h"
 
 namespace {
@@ -27,6 +28,16 @@ hustsim::Parity simulatorParity(const QString &parity)
     return hustsim::Parity::None;
 }
 
+hustsim::LineSettings lineSettings(const LinkOptions &options)
+{
+    hustsim::LineSettings line;
+    line.baud = options.baud;
+    line.dataBits = options.dataBits;
+    line.parity = simulatorParity(options.parity);
+    line.stopBits = options.stopBits;
+    return line;
+}
+
 // The controller's current program when no program directory is given, so that a program read
 // has something to show on a fresh machine.
 const char kSampleProgramName[] = "O0001";
@@ -52,11 +63,9 @@ std::unique_ptr<BuiltInSimulator> BuiltInSimulator::start(const LinkOptions &opt
 {
     // The simulator paces its answers like the line hustctl is told to use.
     hustsim::SimulatorConfig config;
-    config.line.baud = options.baud;
-    config.line.dataBits = options.dataBits;
-    config.line.parity = simulatorParity(options.parity);
-    config.line.stopBits = options.stopBits;
+    config.line = lineSettings(options);
     config.paced = options.pace;
+    config.clockRegister = options.simClock;
 
     auto sim = std::make_unique<PtySimulator>(config);
     for (const auto &seed : options.simRegisters)
@@ -75,4 +84,10 @@ std::unique_ptr<BuiltInSimulator> BuiltInSimulator::start(const LinkOptions &opt
         return nullptr;
     }
     return sim;
+}
+
+double BuiltInSimulator::frameMs(const LinkOptions &options, int doubleWords)
+{
+    const QByteArray frame = hustsim::buildRegisterResponse(0, QVector<quint32>(doubleWords));
+    return frame.size() * lineSettings(options).bitsPerCharacter() * 1000.0 / options.baud;
 }

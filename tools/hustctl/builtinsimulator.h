@@ -18,6 +18,10 @@ public:
     static std::unique_ptr<BuiltInSimulator> start(const LinkOptions &options, QString *error);
 
     virtual QString devicePath() const = 0;
+
+    // How long the simulator takes to send one answer of doubleWords values at the options' line
+    // settings: the line's limit for a screen of that size.
+    static double frameMs(const LinkOptions &options, int doubleWords);
 };
 
 #endif // HUSTCTL_BUILTINSIMULATOR_H

@@ -67,7 +67,8 @@ private:
     int m_doubleWords = 0;
 };
 
-// A screen of registers and bits on the built-in simulator, written to and read again.
+// A screen of registers and bits on the built-in simulator, written to and read again, then
+// measured as a panel polls it.
 class DemoCommand : public Command
 {
 public:
@@ -76,6 +77,7 @@ public:
 
 private:
     QList<Target> m_screen;
+    Target m_clock; // the simulator's clock, read with the screen to tell the data's age
 };
 
 // gcode get [--all] [-o FILE] | gcode put FILE [--burn]: part programs moved through the driver's

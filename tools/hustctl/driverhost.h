@@ -44,6 +44,8 @@ public:
     bool endWait();
     // The port's retry count, for messages.
     int retry() const;
+    // The port handed to the driver, with its byte counts.
+    const LinePort &line() const { return *m_port; }
     // Hands a write to the driver; false with the driver's message when it refuses.
     bool write(const CommunicatorCommand &command, const QByteArray &data, QString *error);
     // Tells the driver which requests the screen on show reads.

@@ -2,11 +2,14 @@
 
 #include "driverhost.h"
 #include "hustgcodecontroller.h"
+#include "lineport.h"
+#include "output.h"
 #include "outputfile.h"
 #include "programfile.h"
 #include "targetreader.h"
 
 #include <QElapsedTimer>
+#include <QJsonObject>
 
 #include <cstdio>
 
@@ -17,6 +20,10 @@ namespace {
 // Status word bits of the driver's G-code transfer.
 constexpr quint32 kReadFinished = 0x1;
 constexpr quint32 kSendFinished = 0x10000;
+
+// The frames around a program: the send header and the burn frame.
+constexpr int kSendHeaderBytes = 28;
+constexpr int kBurnBytes = 31;
 
 // Least time between two redraws of the progress line.
 constexpr int kRedrawIntervalMs = 100;
@@ -39,14 +46,21 @@ QByteArray flag(bool on)
     return QByteArray(1, on ? char(1) : char(0));
 }
 
-// Elapsed time and, once known, the bytes of a transfer on standard error: one line redrawn in
-// place on a terminal, otherwise only the final line.
+// The bytes a transfer has moved, with the percentage when the total is known, and the elapsed
+// time on standard error: one line redrawn in place on a terminal, otherwise only the final line
+// (none with --json, where the result is an object on standard output).
 class Progress
 {
 public:
-    explicit Progress(QTextStream &err)
+    // total: the bytes a send puts on the line; 0 for a read, whose size is not known ahead.
+    Progress(QTextStream &err, const LinePort &line, qint64 total, bool quiet)
         : m_err(err)
         , m_tty(isatty(fileno(stderr)) == 1)
+        , m_quiet(quiet)
+        , m_line(line)
+        , m_total(total)
+        , m_sentBefore(line.bytesSent())
+        , m_receivedBefore(line.bytesReceived())
     {
         m_clock.start();
         m_lastDraw.start();
@@ -56,14 +70,25 @@ public:
 
     void tick(const QString &what)
     {
-        if (!m_tty || m_lastDraw.elapsed() < kRedrawIntervalMs)
+        if (!m_tty || m_quiet || m_lastDraw.elapsed() < kRedrawIntervalMs)
             return;
         m_lastDraw.restart();
-        draw(QStringLiteral("%1 %2 s").arg(what, seconds()));
+        // The worker's own frames share the line, so a send shows at most its total.
+        const qint64 moved = m_total > 0
+            ? qMin<qint64>(m_total, qint64(m_line.bytesSent() - m_sentBefore))
+            : qint64(m_line.bytesReceived() - m_receivedBefore);
+        QString line = QStringLiteral("%1: %2 bytes").arg(what).arg(moved);
+        if (m_total > 0)
+            line += QStringLiteral(" of %1 (%2 %)").arg(m_total).arg(moved * 100 / m_total);
+        draw(line + QStringLiteral(", %1 s").arg(seconds()));
     }
 
     void finish(const QString &line)
     {
+        if (m_quiet) {
+            abandon();
+            return;
+        }
         draw(line);
         m_err << '\n';
         m_err.flush();
@@ -92,6 +117,11 @@ private:
 
     QTextStream &m_err;
     const bool m_tty;
+    const bool m_quiet;
+    const LinePort &m_line;
+    const qint64 m_total;
+    const quint64 m_sentBefore;
+    const quint64 m_receivedBefore;
     bool m_drawn = false;
     QElapsedTimer m_clock;
     QElapsedTimer m_lastDraw;
@@ -168,7 +198,7 @@ int GCodeCommand::get(CommandEnv &env)
         || !writeKey(host, request, flag(true), &error))
         return fail(env.err, error);
 
-    Progress progress(env.err);
+    Progress progress(env.err, host.line(), 0, env.options.json);
     const bool finished
         = waitForStatus(host, kReadFinished, m_timeoutMs, progress, QStringLiteral("receiving"));
     const QByteArray text = finished
@@ -196,6 +226,18 @@ int GCodeCommand::get(CommandEnv &env)
     }
     progress.finish(
         QStringLiteral("received %1 bytes in %2 s").arg(text.size()).arg(progress.seconds()));
+    if (env.options.json) {
+        QJsonObject result {{QStringLiteral("bytes"), text.size()},
+                            {QStringLiteral("seconds"), progress.seconds().toDouble()}};
+        if (env.options.outputPath.isEmpty())
+            result.insert(QStringLiteral("text"), QString::fromLatin1(text));
+        else
+            result.insert(QStringLiteral("file"), env.options.outputPath);
+        if (!env.options.outputPath.isEmpty() && !output.write(text, &error))
+            return fail(env.err, error);
+        env.out << jsonLine(result) << '\n';
+        return 0;
+    }
     if (!output.write(text, &error))
         return fail(env.err, error);
     return 0;
@@ -214,8 +256,11 @@ int GCodeCommand::put(CommandEnv &env)
                      text, &error))
         return fail(env.err, error);
 
-    Progress progress(env.err);
-    const QString sending = QStringLiteral("sending %1 bytes").arg(text.size());
+    // What goes on the line: the send header, the program framed by DC2 "%" and "%" DC4 and, when
+    // burning, the burn frame.
+    const qint64 onLine = kSendHeaderBytes + text.size() + 4 + (env.options.burn ? kBurnBytes : 0);
+    Progress progress(env.err, host.line(), onLine, env.options.json);
+    const QString sending = QStringLiteral("sending");
     const bool finished = waitForStatus(host, kSendFinished, m_timeoutMs, progress, sending);
     if (!writeKey(host, statusKey(), QByteArray(4, 0), &error)) {
         progress.abandon();
@@ -247,5 +292,11 @@ int GCodeCommand::put(CommandEnv &env)
         QStringLiteral("sent %1 bytes in %2 s%3")
             .arg(text.size())
             .arg(seconds, env.options.burn ? QStringLiteral(", burn requested") : QString()));
+    if (env.options.json) {
+        env.out << jsonLine(QJsonObject {{QStringLiteral("sent"), text.size()},
+                                         {QStringLiteral("seconds"), seconds.toDouble()},
+                                         {QStringLiteral("burn"), env.options.burn}})
+                << '\n';
+    }
     return 0;
 }

@@ -1,8 +1,63 @@
 #include "lineport.h"
 
+#include <cstdio>
+
+namespace {
+
+// The names of the bytes that frame the controller's protocol; other control bytes show in hex.
+QByteArray printable(const char *data, int size)
+{
+    QByteArray text;
+    for (int i = 0; i < size; ++i) {
+        const auto byte = uchar(data[i]);
+        switch (byte) {
+        case 0x00:
+            text += "<NUL>";
+            break;
+        case 0x0A:
+            text += "<LF>";
+            break;
+        case 0x0D:
+            text += "<CR>";
+            break;
+        case 0x12:
+            text += "<DC2>";
+            break;
+        case 0x14:
+            text += "<DC4>";
+            break;
+        default:
+            if (byte < 0x20 || byte >= 0x7F)
+                text += '<' + QByteArray::number(byte, 16).rightJustified(2, '0') + '>';
+            else
+                text += char(byte);
+        }
+    }
+    return text;
+}
+
+} // namespace
+
 LinePort::LinePort(AbstractDeviceInterface *port)
     : m_port(port)
-{ }
+{
+    m_clock.start();
+}
+
+void LinePort::setTrace(bool on)
+{
+    m_trace = on;
+}
+
+void LinePort::trace(char direction, const char *data, int size)
+{
+    if (!m_trace || size <= 0)
+        return;
+    const QByteArray line = QByteArray::number(m_clock.elapsed() / 1000.0, 'f', 3) + ' ' + direction
+        + ' ' + printable(data, size) + '\n';
+    QMutexLocker lock(&m_traceMutex);
+    std::fwrite(line.constData(), 1, size_t(line.size()), stderr);
+}
 
 void LinePort::beginWait(int ms)
 {
@@ -27,17 +82,26 @@ void LinePort::startCall()
 
 int LinePort::readData(char *data, int maxSize)
 {
-    return m_port->readData(data, maxSize);
+    const int got = m_port->readData(data, maxSize);
+    m_bytesReceived += quint64(qMax(got, 0));
+    trace('<', data, got);
+    return got;
 }
 
 int LinePort::receiveData(char *data, int maxSize)
 {
-    return m_port->receiveData(data, maxSize);
+    const int got = m_port->receiveData(data, maxSize);
+    m_bytesReceived += quint64(qMax(got, 0));
+    trace('<', data, got);
+    return got;
 }
 
 int LinePort::writeData(const char *data, int size)
 {
-    return m_port->writeData(data, size);
+    const int sent = m_port->writeData(data, size);
+    m_bytesSent += quint64(qMax(sent, 0));
+    trace('>', data, sent);
+    return sent;
 }
 
 DeviceSetting *LinePort::getDeviceSetting()

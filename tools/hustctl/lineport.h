@@ -4,7 +4,10 @@
 #include "abstractdeviceinterface.h"
 
 #include <QDeadlineTimer>
+#include <QElapsedTimer>
 #include <QMutex>
+
+#include <atomic>
 
 // The port object hustctl hands the driver: every call goes to the serial port underneath, while
 // hustctl keeps a deadline over the driver's own waiting.
@@ -17,6 +20,13 @@ class LinePort : public AbstractDeviceInterface
 {
 public:
     explicit LinePort(AbstractDeviceInterface *port);
+
+    // Prints every chunk sent (>) and received (<) on standard error, time-stamped from now, with
+    // control bytes named.
+    void setTrace(bool on);
+    // Bytes that went out and came in through the port.
+    quint64 bytesSent() const { return m_bytesSent; }
+    quint64 bytesReceived() const { return m_bytesReceived; }
 
     // A wait for data: the driver's retries and delays end ms milliseconds from now, until
     // endWait(), which tells whether the deadline cut a driver call's retries short.
@@ -37,7 +47,14 @@ public:
     int getDelay() override;
 
 private:
+    void trace(char direction, const char *data, int size);
+
     AbstractDeviceInterface *m_port;
+    std::atomic<bool> m_trace {false};
+    QElapsedTimer m_clock;
+    QMutex m_traceMutex; // lines from the worker's and the caller's thread stay whole
+    std::atomic<quint64> m_bytesSent {0};
+    std::atomic<quint64> m_bytesReceived {0};
     // The driver asks for the retry count and the delay in the thread that calls it, and the worker
     // may ask in its own.
     QMutex m_mutex;

@@ -53,6 +53,7 @@ bool Link::open(const LinkOptions &options, DriverInterface *driver, QString *er
         return false;
     }
     m_port = std::make_unique<LinePort>(m_serial.get());
+    m_port->setTrace(options.trace);
     return true;
 }
 

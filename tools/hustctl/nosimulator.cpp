@@ -6,3 +6,8 @@ std::unique_ptr<BuiltInSimulator> BuiltInSimulator::start(const LinkOptions &, Q
     *error = QStringLiteral("this build has no built-in controller simulator: give --port DEVICE");
     return nullptr;
 }
+
+double BuiltInSimulator::frameMs(const LinkOptions &, int)
+{
+    return 0.0;
+}
