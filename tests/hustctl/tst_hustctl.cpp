@@ -246,12 +246,13 @@ private slots:
     void watch()
     {
         const Run run = hustctl(words(
-            "--no-pace watch DW100 I5 B10.3 -n 2 -l 50 --sim-set 100=5 --sim-set 10800=0x20"));
+            "--no-pace watch DW100 I5 DW101:int -n 2 -l 50 --sim-set 100=5 --sim-set 10800=0x20 "
+            "--sim-set 101=-8"));
         QVERIFY2(run.status == 0, describe(run));
         const QList<QByteArray> lines = run.out.trimmed().split('\n');
         QCOMPARE(lines.size(), 3);
         const QRegularExpression refresh(
-            QStringLiteral("^[0-9]+\\.[0-9]{3}  DW100=5  I5=1  B10\\.3=0$"));
+            QStringLiteral("^[0-9]+\\.[0-9]{3}  DW100=5  I5=1  DW101:int=-8$"));
         for (const QByteArray &l : lines.mid(0, 2))
             QVERIFY2(refresh.match(QString::fromUtf8(l)).hasMatch(), l.constData());
         QVERIFY2(lines.last().startsWith("2 refreshes, 0 with an error, "), lines.last());

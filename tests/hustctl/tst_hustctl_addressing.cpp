@@ -1,5 +1,6 @@
 #include "addressing.h"
 #include "freshness.h"
+#include "options.h"
 #include "output.h"
 
 #include <QtTest>
@@ -56,6 +57,57 @@ private slots:
             QStringList({requests.join(' '), labels.join(' '), doubleWords.join(' ')}).join("; "),
             made);
         QCOMPARE(values, count);
+    }
+
+    // The command line as hustctl reads it: what it takes in, or the reason it refuses.
+    void commandLine_data()
+    {
+        QTest::addColumn<QString>("args");
+        QTest::addColumn<QString>("taken"); // command, arguments, count, type; or the reason
+
+        QTest::newRow("attached value, options around the command") << "-c3 read --json DW5 -tint"
+                                                                    << "read DW5 3 int";
+        QTest::newRow("long value with =") << "read --count=2 DW5"
+                                           << "read DW5 2 dword";
+        QTest::newRow("negative value") << "write DW5 -t int -8"
+                                        << "write DW5 -8 int";
+        QTest::newRow("everything after -- is an argument")
+            << "write DW5 -- -8 --json"
+            << "reason: \"--json\" is not a 32-bit number";
+        QTest::newRow("grouped letters, value last") << "read -hc2"
+                                                     << "help read";
+        QTest::newRow("help COMMAND") << "help watch"
+                                      << "help watch";
+        QTest::newRow("option of another command") << "watch DW1 -c2"
+                                                   << "reason: -c does not apply to watch";
+        QTest::newRow("value missing at the end") << "read DW1 -c"
+                                                  << "reason: -c needs a value (N)";
+        QTest::newRow("flag given a value") << "--json=1 read DW1"
+                                            << "reason: --json takes no value";
+        QTest::newRow("unknown command") << "reed DW1"
+                                         << "reason: unknown command \"reed\"";
+        QTest::newRow("too few arguments") << "write DW1"
+                                           << "reason: write needs ADDRESS VALUE...";
+    }
+
+    void commandLine()
+    {
+        QFETCH(QString, args);
+        QFETCH(QString, taken);
+        CtlOptions o;
+        QString reason;
+        QString got;
+        if (!parseOptions(args.split(' '), &o, &reason))
+            got = "reason: " + reason;
+        else if (o.help)
+            got = "help " + o.command;
+        else
+            got = QStringList {o.command, o.keys.join(','),
+                               o.values.isEmpty() ? QString::number(o.targets.first().count())
+                                                  : QString::number(qint32(o.values.first())),
+                               o.targets.first().typeText()}
+                      .join(' ');
+        QCOMPARE(got, taken);
     }
 
     // An answer cut inside a value, and a watched value the driver had no data for.
