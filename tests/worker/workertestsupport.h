@@ -21,7 +21,7 @@ public:
     void setPort(AbstractDeviceInterface *port) { w.m_readInterface = port; }
     void setAddrList(const QStringList &list) { w.m_addrList = list; }
     bool &cmdJustSent() { return w.m_cmdJustSent; }
-    QString &lastHCode() { return w.m_lastHCode; }
+    QByteArray &lastHCode() { return w.m_lastHCode; }
     QByteArray &lastFullBlock() { return w.m_lastFullBlock; }
     QByteArray packReadBytesCmd() { return w.packReadBytesCmd(); }
     void sendTxBufForRead(const QByteArray &tx) { w.sendTxBufForRead(tx); }

@@ -23,19 +23,45 @@
 
 namespace {
 
-// Port reads ask for at most this many bytes; m_rxChunk stays zero-terminated behind them.
+// The worker's pauses, in milliseconds.
+namespace Pause {
+// stopLoopRead(): lets a cycle under way see the stop flag before the stop frame goes out.
+constexpr int StopSettle = 20;
+// An immediate read: between its request and the stop frame that ends the answer early.
+constexpr int ImmediateStop = 10;
+// After a restart's new request, before reading again.
+constexpr int AfterRestart = 100;
+// A drain: before its first query, and after each discard.
+constexpr int DrainStart = 5;
+constexpr int DrainPass = 20;
+// A loop cycle begins with one millisecond per address, within these bounds.
+constexpr int LoopLeast = 5;
+constexpr int LoopMost = 30;
+} // namespace Pause
+
+// The worker's counts.
+namespace Count {
+// Port reads ask for at most this many bytes; m_rxChunk has room behind them.
 constexpr int MaxReadSize = 200;
-// Read requests are written in pieces of at most this many bytes.
-constexpr int MaxTxPieceSize = 230;
+// A read that may be followed by a match attempt asks for at least this many bytes, unless the
+// rest of a frame in hand is shorter.
+constexpr int MinReadSize = 30;
 // Empty reads tolerated before the exchange is restarted: the 32nd empty read restarts it.
 constexpr int MaxEmptyReads = 30;
 // A cycle ends, without a result, at the exhaustion that follows this many restarts (silent line
 // or stale responses): an immediate read has a caller waiting on it, and a loop cycle must not
 // hold the worker's thread, where queued writes wait behind it, for ever.
 constexpr int MaxRestarts = 3;
-// A drain gives up after this many 20 ms passes (about two seconds) on a line that never goes
-// quiet, so that a babbling controller cannot hold the calling thread.
+// Failed match attempts before a cycle gives up: twice the addresses, at least this many.
+constexpr int LeastGiveUpLimit = 10;
+// A drain ends at the query after this many found nothing waiting.
+constexpr int DrainQuietQueries = 5;
+// From the pass after this one, every pass of a drain re-sends the stop frame.
+constexpr int DrainPassesBeforeStop = 25;
+// A drain gives up after this many passes (about two seconds) on a line that never goes quiet,
+// so that a babbling controller cannot hold the calling thread.
 constexpr int MaxDrainPasses = 100;
+} // namespace Count
 
 int waitingBytes(AbstractDeviceInterface *port)
 {
@@ -140,10 +166,11 @@ void DriverHushCNCReaderWriter::getAddrValRightaway(QStringList addrList,
                                                     quintptr responseByteArrayPointer)
 {
     m_addrList = addrList;
+    m_carried.clear();
     sendStopSendCommand(0);
     checkRxBufAndExit();
     sendTxBufForRead(packReadBytesCmd());
-    QThread::msleep(10);
+    QThread::msleep(Pause::ImmediateStop);
     sendStopSendCommand(0);
     readFromCNCController(true, reinterpret_cast<QByteArray *>(responseByteArrayPointer));
     checkRxBufAndExit();
@@ -152,7 +179,7 @@ void DriverHushCNCReaderWriter::getAddrValRightaway(QStringList addrList,
 void DriverHushCNCReaderWriter::stopLoopRead()
 {
     m_isStopLoopRead = true;
-    QThread::msleep(20);
+    QThread::msleep(Pause::StopSettle);
     sendStopSendCommand(0);
     checkRxBufAndExit();
 }
@@ -180,6 +207,8 @@ void DriverHushCNCReaderWriter::writeDWord(QString address, int dwordLength, QBy
         emit setWriteDWordError();
         return;
     }
+    // Each frame goes out behind a discard of the input, which breaks the stream in hand.
+    m_carried.clear();
     QVector<DWORD> dwords;
     packDWordList(writeData, dwords, dwordLength);
     for (int i = 0; i < dwordLength; ++i) {
@@ -202,6 +231,7 @@ void DriverHushCNCReaderWriter::writeBit(QString address, bool val)
         emit setWriteBitError();
         return;
     }
+    m_carried.clear();
     discardReceived(m_readInterface);
     if (m_readInterface->writeData(frame.constData(), frame.size()) != frame.size())
         emit setWriteBitError();
@@ -212,9 +242,8 @@ void DriverHushCNCReaderWriter::loopRead()
     m_isLoopReading = true;
     if (m_isStopLoopRead)
         return;
-    if (m_readInterface)
-        discardReceived(m_readInterface);
-    QThread::msleep(qBound(5, int(m_addrList.size()), 30));
+    takeBacklog();
+    QThread::msleep(qBound(Pause::LoopLeast, int(m_addrList.size()), Pause::LoopMost));
     readFromCNCController(false, nullptr);
     m_isLoopReading = false;
 }
@@ -267,21 +296,21 @@ void DriverHushCNCReaderWriter::checkRxBufAndExit()
     AbstractDeviceInterface *port = m_readInterface;
     if (!port)
         return;
-    QThread::msleep(5);
+    QThread::msleep(Pause::DrainStart);
     int passes = 0;
     int empties = 0;
     for (;;) {
         if (waitingBytes(port) <= 0) {
-            if (empties > 5)
+            if (empties > Count::DrainQuietQueries)
                 break;
             ++empties;
         }
         discardReceived(port);
-        QThread::msleep(20);
-        if (passes > 25)
+        QThread::msleep(Pause::DrainPass);
+        if (passes > Count::DrainPassesBeforeStop)
             sendStopSendCommand(0);
         ++passes;
-        if (passes >= MaxDrainPasses) {
+        if (passes >= Count::MaxDrainPasses) {
             qCDebug(lcHustDriver) << "drain gave up: the line did not go quiet after" << passes
                                   << "passes";
             break;
@@ -320,35 +349,38 @@ void DriverHushCNCReaderWriter::sendTxBufForRead(const QByteArray &tx_buf)
     if (!port || tx_buf.isEmpty())
         return;
     discardReceived(port);
-    int offset = 0;
-    while (offset + MaxTxPieceSize < tx_buf.size()) {
-        port->writeData(tx_buf.constData() + offset, MaxTxPieceSize);
-        offset += MaxTxPieceSize;
-    }
-    port->writeData(tx_buf.constData() + offset, tx_buf.size() - offset);
+    HustFrames::writeInPieces(port, tx_buf);
     m_cmdJustSent = true;
+    // Whatever was carried belongs to the stream this request replaces.
+    m_carried.clear();
 }
 
 QByteArray DriverHushCNCReaderWriter::extractDataFromRespBuf(const QStringList &data,
                                                              const int &data_length,
                                                              bool &isFullData)
 {
-    const int cached = m_lastFullBlock.size() / 4;
     QByteArray block;
     isFullData = true;
     for (int i = 0; i < data_length && i < data.size(); ++i) {
-        const QString &text = data.at(i);
-        if (text.size() < 8) {
-            isFullData = false;
-            if (cached == data_length)
-                block.append(m_lastFullBlock.mid(4 * i, 4));
-            continue;
-        }
-        const quint32 value = HustFrames::valueOf(text);
-        for (int b = 0; b < 4; ++b)
-            block.append(char((value >> (8 * b)) & 0xFF));
+        const QByteArray text = data.at(i).toLatin1();
+        appendValue(block, i, text.constData(), text.size(), data_length, isFullData);
     }
     return block;
+}
+
+void DriverHushCNCReaderWriter::appendValue(QByteArray &block, int i, const char *text, int size,
+                                            int dataLength, bool &isFullData) const
+{
+    if (size < 8) {
+        isFullData = false;
+        if (m_lastFullBlock.size() / 4 == dataLength)
+            block.append(m_lastFullBlock.constData() + 4 * i, 4);
+        return;
+    }
+    const quint32 value = HustFrames::valueOf(text, size);
+    const char bytes[4] = {char(value & 0xFF), char((value >> 8) & 0xFF),
+                           char((value >> 16) & 0xFF), char(value >> 24)};
+    block.append(bytes, 4);
 }
 
 void DriverHushCNCReaderWriter::sendStopSendCommand(int)
@@ -364,6 +396,14 @@ QByteArray DriverHushCNCReaderWriter::packReadBytesCmd()
     return HustFrames::readRequest(m_addrList);
 }
 
+// One read cycle, as a sequence of named steps over the cycle's state:
+//   receive               one port read (the empty-read rule lives here);
+//   dropBeforeFirstFrame  right after a request, bytes before the first frame are old;
+//   search                a match attempt, once a response's worth of bytes is in hand;
+//   attemptFailed         keep the newest frame's start, give up after too many attempts;
+//   checkHCode            right after a request, a repeated H code means a stale response;
+//   finish                decode, deliver, and carry what follows the match.
+// A loop cycle starts from the bytes carried from the cycle before (takeBacklog()).
 void DriverHushCNCReaderWriter::readFromCNCController(bool isResponse, QByteArray *response)
 {
     const int n = m_addrList.size();
@@ -374,130 +414,190 @@ void DriverHushCNCReaderWriter::readFromCNCController(bool isResponse, QByteArra
         return;
     }
     m_isLoopCycle = !isResponse;
-    const int cached = m_lastFullBlock.size() / 4;
-    m_responsePattern = HustFrames::responsePattern(n, !isResponse && n == cached);
-    HustFrames::ResponseMatcher matcher(m_responsePattern);
-
-    int rxBufSize = calculateRxBufSize();
-    QByteArray rxBuf;
-    int tmpSize = rxBufSize;
-    int loop = 0;
-    int emptyReads = 0;
-    int restarts = 0;
-    bool lastAttemptFailed = false;
-    const int giveUpLimit = std::max(2 * n, 10);
-
-    // The empty-read rule: the 32nd empty read since the cycle began or since the last restart
-    // raises the time-out and restarts the exchange; the cycle ends instead once it has used up
-    // its restarts.
-    enum class EmptyRead { CarryOn, Restarted, GiveUp };
-    auto countEmptyRead = [&]() {
-        if (emptyReads <= MaxEmptyReads) {
-            ++emptyReads;
-            return EmptyRead::CarryOn;
-        }
-        emit setReadLoopTimeoutError();
-        if (restarts++ >= MaxRestarts) {
-            qCDebug(lcHustDriver) << "read cycle: the controller stays silent, giving up";
-            return EmptyRead::GiveUp;
-        }
-        retrySendReadCommand(rxBuf, tmpSize, loop, rxBufSize);
-        emptyReads = 0;
-        return EmptyRead::Restarted;
-    };
+    ReadCycle c;
+    c.isResponse = isResponse;
+    c.count = n;
+    c.rxBufSize = calculateRxBufSize();
+    c.matcher = &matcherFor(n, !isResponse && m_lastFullBlock.size() / 4 == n);
+    if (!isResponse)
+        c.rxBuf.swap(m_carried);
+    // A carried frame start needs only the rest of its frame.
+    const bool atFrame = c.rxBuf.startsWith(HustFrames::DC2);
+    c.tmpSize = atFrame ? c.rxBufSize - c.rxBuf.size() : c.rxBufSize;
+    // A whole frame carried in is tried before anything is read.
+    bool read = c.rxBuf.size() < c.rxBufSize;
 
     for (;;) {
         if (m_isStopLoopRead && !isResponse)
             return;
-        std::memset(m_rxChunk, 0, sizeof(m_rxChunk));
-        // While more than one read's worth is still expected, bytes are only collected; after
-        // that every read is followed by a match attempt.
-        const bool collecting = tmpSize > MaxReadSize;
-        if (!collecting)
-            tmpSize = std::max(tmpSize, 30);
-        const int asked = collecting ? MaxReadSize : tmpSize;
-        const int got = readChunk(asked);
-        // Bytes count up to the first NUL only. A read that appends nothing counts as empty even
-        // when it returned bytes: a line held in break reads as NUL bytes, and the cycle must
-        // stay bounded on it.
-        const int appended = int(qstrnlen(m_rxChunk, uint(asked)));
-        if (appended == 0) {
-            const EmptyRead rule = countEmptyRead();
-            if (rule == EmptyRead::GiveUp)
+        if (read) {
+            const Step step = receive(c);
+            if (step == Step::End)
                 return;
-            if (rule == EmptyRead::Restarted)
+            if (step == Step::Again)
                 continue;
         }
-        rxBuf.append(m_rxChunk, appended);
-        if (collecting) {
-            tmpSize -= got;
+        read = true;
+        if (m_cmdJustSent)
+            dropBeforeFirstFrame(c);
+        if (c.rxBuf.size() < c.rxBufSize)
             continue;
-        }
-
-        if (m_cmdJustSent) {
-            const int p = rxBuf.indexOf(HustFrames::DC2);
-            if (p > 0)
-                rxBuf.remove(0, p);
-        }
-        if (rxBuf.size() < rxBufSize)
-            continue;
-
-        int position;
-        if (!m_cmdJustSent && !lastAttemptFailed) {
-            // The forward search turns a copy of the window; when nothing matches, the bytes
-            // stay in the order they arrived, so that later attempts never search across the
-            // join of two frames.
-            if (rxBuf.size() > rxBufSize)
-                rxBuf = rxBuf.right(rxBufSize);
-            position = matcher.searchForward(rxBuf, rxBufSize);
-        } else {
-            position = matcher.searchBackward(rxBuf);
-        }
-
-        // The pattern admits any two digits in the v record, so the first N records of a longer
-        // frame of the previous list would match; its fresh H code passes the stale check when
-        // the stop frame was lost. Only a count equal to N is taken, which well-formed streams
-        // never notice.
-        if (position > 0 && !matcher.countIs(n))
-            position = -1;
-        if (position <= 0) {
-            const int p = rxBuf.lastIndexOf(HustFrames::DC2);
-            if (p > 0) {
-                tmpSize = rxBufSize + 10 - (rxBuf.size() - p);
-                rxBuf.remove(0, p);
-            }
-            if (loop > giveUpLimit) {
+        if (search(c) <= 0) {
+            if (attemptFailed(c) == Step::End) {
                 giveUp(isResponse);
                 return;
             }
-            ++loop;
-            lastAttemptFailed = true;
             continue;
         }
-
-        const QString hCode = matcher.hRecord();
-        if (m_lastHCode.isEmpty()) {
-            m_lastHCode = hCode;
-        } else if (m_cmdJustSent) {
-            if (hCode == m_lastHCode) {
-                qCDebug(lcHustDriver) << "error0. H code is the same with previous data";
-                if (restarts++ >= MaxRestarts) {
-                    qCDebug(lcHustDriver) << "read cycle: only stale responses, giving up";
-                    emit setReadLoopTimeoutError();
-                    return;
-                }
-                retrySendReadCommand(rxBuf, tmpSize, loop, rxBufSize);
-                continue;
-            }
-            m_cmdJustSent = false;
-            m_lastHCode = hCode;
-        }
-
-        bool isFullData = true;
-        const QByteArray block = extractDataFromRespBuf(matcher.valueTexts(), n, isFullData);
-        deliver(block, isFullData, isResponse, response);
+        const Step step = checkHCode(c);
+        if (step == Step::End)
+            return;
+        if (step == Step::Again)
+            continue;
+        finish(c, response);
         return;
     }
+}
+
+// Reads into the cycle's buffer. While more than one read's worth is still expected, bytes are
+// only collected (Again); after that every read is followed by a match attempt (Go). When the
+// buffer starts at a frame's DC2, only the rest of that frame is asked for: a read reaching
+// into the next frame would leave the forward search a window that starts inside it.
+DriverHushCNCReaderWriter::Step DriverHushCNCReaderWriter::receive(ReadCycle &c)
+{
+    const bool collecting = c.tmpSize > Count::MaxReadSize;
+    int asked;
+    if (collecting) {
+        asked = Count::MaxReadSize;
+    } else if (c.rxBuf.startsWith(HustFrames::DC2) && c.rxBuf.size() < c.rxBufSize) {
+        asked = qMin(c.rxBufSize - int(c.rxBuf.size()), Count::MaxReadSize);
+    } else {
+        c.tmpSize = qMax(c.tmpSize, Count::MinReadSize);
+        asked = c.tmpSize;
+    }
+    const int got = readChunk(asked);
+    // Bytes count up to the first NUL only. A read that appends nothing counts as empty even
+    // when it returned bytes: a line held in break reads as NUL bytes, and the cycle must stay
+    // bounded on it.
+    const int appended = int(qstrnlen(m_rxChunk, uint(got)));
+    if (appended == 0) {
+        // The empty-read rule: the 32nd empty read since the cycle began or since the last
+        // restart raises the time-out and restarts the exchange; the cycle ends instead once it
+        // has used up its restarts.
+        if (c.emptyReads <= Count::MaxEmptyReads) {
+            ++c.emptyReads;
+        } else {
+            emit setReadLoopTimeoutError();
+            if (c.restarts++ >= Count::MaxRestarts) {
+                qCDebug(lcHustDriver) << "read cycle: the controller stays silent, giving up";
+                return Step::End;
+            }
+            restart(c);
+            c.emptyReads = 0;
+            return Step::Again;
+        }
+    }
+    c.rxBuf.append(m_rxChunk, appended);
+    if (collecting) {
+        c.tmpSize -= got;
+        return Step::Again;
+    }
+    return Step::Go;
+}
+
+void DriverHushCNCReaderWriter::dropBeforeFirstFrame(ReadCycle &c)
+{
+    const int p = c.rxBuf.indexOf(HustFrames::DC2);
+    if (p > 0)
+        c.rxBuf.remove(0, p);
+}
+
+// A match attempt: the match position, or -1 (a match at 0, with no DC2 before it, fails too).
+int DriverHushCNCReaderWriter::search(ReadCycle &c)
+{
+    HustFrames::ResponseMatcher &matcher = *c.matcher;
+    int position;
+    if (!m_cmdJustSent && !c.backward) {
+        // Only the last response's worth counts; when nothing matches, the bytes stay in the
+        // order they arrived, so that later attempts never search across the join of two
+        // frames.
+        if (c.rxBuf.size() > c.rxBufSize)
+            c.rxBuf.remove(0, c.rxBuf.size() - c.rxBufSize);
+        position = matcher.searchForward(c.rxBuf, c.rxBufSize);
+    } else {
+        position = matcher.searchBackward(c.rxBuf);
+    }
+    // The pattern admits any two digits in the v record, so the first N records of a longer
+    // frame of the previous list would match; its fresh H code passes the stale check when the
+    // stop frame was lost. Only a count equal to N is taken, which well-formed streams never
+    // notice.
+    if (position > 0 && !matcher.countIs(c.count))
+        position = -1;
+    return position;
+}
+
+DriverHushCNCReaderWriter::Step DriverHushCNCReaderWriter::attemptFailed(ReadCycle &c)
+{
+    const int p = c.rxBuf.lastIndexOf(HustFrames::DC2);
+    if (p > 0) {
+        c.tmpSize = c.rxBufSize + 10 - (c.rxBuf.size() - p);
+        c.rxBuf.remove(0, p);
+    }
+    if (c.loop > std::max(2 * c.count, Count::LeastGiveUpLimit))
+        return Step::End;
+    ++c.loop;
+    c.backward = true;
+    return Step::Again;
+}
+
+DriverHushCNCReaderWriter::Step DriverHushCNCReaderWriter::checkHCode(ReadCycle &c)
+{
+    const HustFrames::ResponseMatcher &matcher = *c.matcher;
+    if (m_lastHCode.isEmpty()) {
+        m_lastHCode = matcher.cap(1);
+        return Step::Go;
+    }
+    if (!m_cmdJustSent)
+        return Step::Go;
+    if (matcher.hRecordIs(m_lastHCode)) {
+        qCDebug(lcHustDriver) << "error0. H code is the same with previous data";
+        if (c.restarts++ >= Count::MaxRestarts) {
+            qCDebug(lcHustDriver) << "read cycle: only stale responses, giving up";
+            emit setReadLoopTimeoutError();
+            return Step::End;
+        }
+        restart(c);
+        return Step::Again;
+    }
+    m_cmdJustSent = false;
+    m_lastHCode = matcher.cap(1);
+    return Step::Go;
+}
+
+// Decodes the match straight from the received bytes and delivers the block. A loop cycle
+// carries the bytes that followed the match, from their first DC2, into the next cycle: they
+// are the head of the next frame, which a cycle-local buffer would throw away.
+void DriverHushCNCReaderWriter::finish(ReadCycle &c, QByteArray *response)
+{
+    const HustFrames::ResponseMatcher &matcher = *c.matcher;
+    QByteArray block;
+    block.reserve(4 * c.count);
+    bool isFullData = true;
+    for (int i = 0; i < c.count; ++i)
+        appendValue(block, i, matcher.valueText(i), matcher.valueSize(i), c.count, isFullData);
+    if (!c.isResponse) {
+        const int next = c.rxBuf.indexOf(HustFrames::DC2, matcher.endInReceived());
+        if (next >= 0) {
+            c.rxBuf.remove(0, next);
+            m_carried.swap(c.rxBuf);
+        }
+    }
+    deliver(block, isFullData, c.isResponse, response);
+}
+
+void DriverHushCNCReaderWriter::restart(ReadCycle &c)
+{
+    retrySendReadCommand(c.rxBuf, c.tmpSize, c.loop, c.rxBufSize);
 }
 
 void DriverHushCNCReaderWriter::retrySendReadCommand(QByteArray &rx_buf, int &tmpSize, int &loop,
@@ -514,13 +614,51 @@ void DriverHushCNCReaderWriter::retrySendReadCommand(QByteArray &rx_buf, int &tm
     if (m_isLoopCycle && m_isStopLoopRead)
         return;
     sendTxBufForRead(packReadBytesCmd());
-    QThread::msleep(100);
+    QThread::msleep(Pause::AfterRestart);
+}
+
+// Instead of discarding what arrived since the last cycle, which throws away the head of the
+// frame in progress, the newest frame that has started is kept: the backlog from its last DC2
+// on. Older frames are still dropped, so the block delivered is the most recent one. A backlog
+// without a DC2 continues the frame carried from the last cycle. No value, error or frame sent
+// changes: the cycle only finds the frame in progress whole instead of waiting for the next one.
+void DriverHushCNCReaderWriter::takeBacklog()
+{
+    if (!m_readInterface)
+        return;
+    for (int waiting = waitingBytes(m_readInterface); waiting > 0;) {
+        const int got = readChunk(qMin(waiting, Count::MaxReadSize));
+        if (got <= 0)
+            break;
+        waiting -= got;
+        const int appended = int(qstrnlen(m_rxChunk, uint(got)));
+        const void *dc2 = memrchr(m_rxChunk, HustFrames::DC2, size_t(appended));
+        if (dc2) {
+            const char *start = static_cast<const char *>(dc2);
+            m_carried = QByteArray(start, int(m_rxChunk + appended - start));
+        } else {
+            m_carried.append(m_rxChunk, appended);
+        }
+    }
+    // Without a frame start nothing older than two responses can still be of use.
+    const int most = 2 * calculateRxBufSize();
+    if (m_carried.size() > most)
+        m_carried.remove(0, m_carried.size() - most);
 }
 
 int DriverHushCNCReaderWriter::readChunk(int maxSize)
 {
     const int got = m_readInterface->readData(m_rxChunk, maxSize);
     return qBound(0, got, maxSize);
+}
+
+HustFrames::ResponseMatcher &DriverHushCNCReaderWriter::matcherFor(int n, bool lenient)
+{
+    std::unique_ptr<HustFrames::ResponseMatcher> &matcher
+        = lenient ? m_lenientMatcher : m_strictMatcher;
+    if (!matcher || matcher->count() != n)
+        matcher.reset(new HustFrames::ResponseMatcher(n, lenient));
+    return *matcher;
 }
 
 void DriverHushCNCReaderWriter::deliver(const QByteArray &block, bool isFullData, bool isResponse,

@@ -1,6 +1,8 @@
 #ifndef DRIVERHUSHCNCREADERTHREAD_H
 #define DRIVERHUSHCNCREADERTHREAD_H
 
+#include "hustframes.h"
+
 #include <QByteArray>
 #include <QObject>
 #include <QPoint>
@@ -99,22 +101,55 @@ private:
     // defined only there.
     friend class DriverHushCNCReaderWriterTestAccess;
 
+    // One read cycle: what it has received and how far it has got. Worker's thread only.
+    struct ReadCycle
+    {
+        bool isResponse = false; // immediate mode: the block goes to a waiting caller
+        int count = 0; // addresses of the request (N)
+        int rxBufSize = 0; // size of one response
+        QByteArray rxBuf; // bytes received and not yet given up
+        int tmpSize = 0; // bytes asked of the next read while more than one read is expected
+        int loop = 0; // failed match attempts since the start or the last restart
+        int emptyReads = 0; // empty reads since the start or the last restart they caused
+        int restarts = 0;
+        bool backward = false; // a match attempt has failed: search backward from now on
+        HustFrames::ResponseMatcher *matcher = nullptr;
+    };
+    // What a step of the cycle leaves to do: go on to the next step, start the next pass, or
+    // end the cycle.
+    enum class Step { Go, Again, End };
+
+    // The steps of a cycle, in order.
+    Step receive(ReadCycle &c);
+    void dropBeforeFirstFrame(ReadCycle &c);
+    int search(ReadCycle &c);
+    Step attemptFailed(ReadCycle &c);
+    Step checkHCode(ReadCycle &c);
+    void finish(ReadCycle &c, QByteArray *response);
+    void giveUp(bool isResponse);
+    // Restarts the exchange: stop frame, drain, new request.
+    void restart(ReadCycle &c);
+    // Before a loop cycle: takes what arrived since the last one.
+    void takeBacklog();
     // One port read into m_rxChunk; the number of bytes read, 0 to maxSize.
     int readChunk(int maxSize);
+    // The matcher for n addresses, strict or lenient, made once per n.
+    HustFrames::ResponseMatcher &matcherFor(int n, bool lenient);
+    // Appends value i of a response (value characters text, size of them) to block: its
+    // double word, or for a short value the one of the last full block.
+    void appendValue(QByteArray &block, int i, const char *text, int size, int dataLength,
+                     bool &isFullData) const;
     // Hands a decoded block to the immediate caller or, in loop mode, to the driver's cache.
     void deliver(const QByteArray &block, bool isFullData, bool isResponse, QByteArray *response);
-    // Ends a cycle whose match attempts kept failing.
-    void giveUp(bool isResponse);
 
     QStringList m_addrList;
     AbstractDeviceInterface *m_readInterface;
     int m_stopSendCmdLength;
     QByteArray m_stopSendCmd;
     char m_rxChunk[250];
-    QString m_responsePattern;
     DriverHushCNC *m_driver;
     QByteArray m_lastFullBlock;
-    QString m_lastHCode;
+    QByteArray m_lastHCode;
     bool m_cmdJustSent;
     // Lives in the application's thread and is deleted with the application object.
     QPointer<Worker> m_overflowWorker;
@@ -122,6 +157,10 @@ private:
     std::unique_ptr<UartRegister> m_uartRegister;
     // The cycle under way is a loop cycle (worker's thread only).
     bool m_isLoopCycle;
+    // Bytes of the stream carried from one loop cycle to the next (worker's thread only).
+    QByteArray m_carried;
+    std::unique_ptr<HustFrames::ResponseMatcher> m_strictMatcher;
+    std::unique_ptr<HustFrames::ResponseMatcher> m_lenientMatcher;
 
 public:
     // Shared with the driver's thread: the driver sets the stop flag through stopLoopRead() and

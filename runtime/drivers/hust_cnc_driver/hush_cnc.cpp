@@ -70,9 +70,6 @@ const int PASS_PAUSE_MS = 20;
 // How long the destructor lets the worker's thread finish its slot before forcing it down.
 const unsigned long WORKER_STOP_WAIT_MS = 10000;
 
-// Size of the pieces in which a read request goes to the port.
-const int TX_PIECE = 230;
-
 QString prefixOf(const QString &address)
 {
     return QString::fromLatin1(ExtractPrefixSymbol(address).constData());
@@ -908,12 +905,7 @@ void DriverHushCNC::sendTxBufForReadForTest(const QByteArray &tx_buf,
     if (!interface)
         return;
     interface->setOption(AbstractDeviceInterface::DiscardReceivedOption, 0);
-    int offset = 0;
-    while (offset + TX_PIECE < tx_buf.size()) {
-        interface->writeData(tx_buf.constData() + offset, TX_PIECE);
-        offset += TX_PIECE;
-    }
-    interface->writeData(tx_buf.constData() + offset, tx_buf.size() - offset);
+    HustFrames::writeInPieces(interface, tx_buf);
 }
 
 void DriverHushCNC::sendStopSendCommand(AbstractDeviceInterface *interface)

@@ -1,10 +1,22 @@
 #include "hustframes.h"
 
+#include "abstractdeviceinterface.h"
 #include "hustlog.h"
+
+#include <cstring>
 
 namespace HustFrames {
 
 namespace {
+
+// The double word through which part programs are requested and announced, and the parameters
+// written to it: 1002 asks for the current program, 1009 for all programs, 1001 announces one.
+constexpr char ProgramCommand[] = "O9012";
+constexpr char ProgramRegister[] = "N10768";
+constexpr char ProgramSlot[] = "%*%";
+constexpr char ReadCurrentParameter[] = "D000003>:";
+constexpr char ReadAllParameter[] = "D000003?1";
+constexpr char SendParameter[] = "D000003>9";
 
 QByteArray frameHead(const char *command)
 {
@@ -18,20 +30,51 @@ QByteArray &frameTail(QByteArray &frame)
     return frame.append('%').append(DC4);
 }
 
-QByteArray line(const QString &text)
+// Decimal digits of value, zero-padded to width.
+QByteArray digits(int value, int width)
 {
-    return text.toLatin1().append(CR);
+    return QByteArray::number(value).rightJustified(width, '0');
 }
 
 // Eight hexadecimal digits, most significant first, with 10 to 15 written as ':' to '?'.
 QByteArray valueChars(quint32 value)
 {
-    QByteArray digits(8, '0');
+    QByteArray text(8, '0');
     for (int i = 7; i >= 0; --i) {
-        digits[i] = char('0' + (value & 0xF));
+        text[i] = char('0' + (value & 0xF));
         value >>= 4;
     }
-    return digits;
+    return text;
+}
+
+QByteArray programFrame(const char *parameter)
+{
+    QByteArray frame = frameHead(ProgramCommand);
+    frame.append(ProgramRegister).append(CR).append(parameter).append(CR);
+    return frameTail(frame);
+}
+
+// Characters of H and d values: ',' and '0' to '?'.
+bool isValueChar(char c)
+{
+    return (c >= '0' && c <= '?') || c == ',';
+}
+
+bool isDigit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+// One hexadecimal digit written as a value character ('0' to '?') or as a letter; -1 otherwise.
+int digitValue(char c)
+{
+    if (c >= '0' && c <= '?')
+        return c - '0';
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    return -1;
 }
 
 } // namespace
@@ -45,9 +88,9 @@ QByteArray readRequest(const QStringList &addrList)
     }
     QByteArray frame = frameHead("O9000");
     frame.append("N0").append(CR);
-    frame.append(line(QString::asprintf("v%02d", int(addrList.size()))));
+    frame.append('v').append(digits(int(addrList.size()), 2)).append(CR);
     for (const QString &addr : addrList)
-        frame.append(line(addr));
+        frame.append(addr.toLatin1()).append(CR);
     return frameTail(frame);
 }
 
@@ -65,7 +108,7 @@ QByteArray writeDWordFrame(int addr, quint32 value)
         return QByteArray();
     }
     QByteArray frame = frameHead("O9012");
-    frame.append(line(QString::asprintf("N%05d", addr)));
+    frame.append('N').append(digits(addr, 5)).append(CR);
     frame.append('d').append(valueChars(value)).append(CR);
     return frameTail(frame);
 }
@@ -78,9 +121,50 @@ QByteArray writeBitFrame(int addr, int bit, bool value)
         return QByteArray();
     }
     QByteArray frame = frameHead(value ? "O9013" : "O9014");
-    frame.append(line(QString::asprintf("N%05d", addr)));
-    frame.append(line(QString::asprintf("d%02d", bit)));
+    frame.append('N').append(digits(addr, 5)).append(CR);
+    frame.append('d').append(digits(bit, 2)).append(CR);
     return frameTail(frame);
+}
+
+QByteArray programRequestTemplate()
+{
+    return programFrame(ProgramSlot);
+}
+
+QByteArray programRequest(bool all)
+{
+    return programFrame(all ? ReadAllParameter : ReadCurrentParameter);
+}
+
+QByteArray programSendHeader()
+{
+    return programFrame(SendParameter);
+}
+
+QByteArray programDataFrame(const QByteArray &text)
+{
+    QByteArray frame;
+    frame.reserve(text.size() + 4);
+    frame.append(DC2).append('%').append(text);
+    return frameTail(frame);
+}
+
+QByteArray burnFrame()
+{
+    QByteArray frame = frameHead("O9000");
+    // No CR between the G10 line and the closing "%".
+    frame.append("N100011").append(CR).append("G10 P600 L01");
+    return frameTail(frame);
+}
+
+void writeInPieces(AbstractDeviceInterface *port, const QByteArray &frame)
+{
+    int offset = 0;
+    while (offset + MaxTxPieceSize < frame.size()) {
+        port->writeData(frame.constData() + offset, MaxTxPieceSize);
+        offset += MaxTxPieceSize;
+    }
+    port->writeData(frame.constData() + offset, frame.size() - offset);
 }
 
 QString responsePattern(int n, bool lenient)
@@ -92,18 +176,103 @@ QString responsePattern(int n, bool lenient)
     return hPart + QStringLiteral("(v[0-9]{2}\r)") + dPart.arg(n);
 }
 
-quint32 valueOf(const QString &valueText)
+quint32 valueOf(const char *text, int size)
 {
-    if (valueText.size() != 8)
+    if (size != 8)
         return 0;
-    bool ok = false;
-    const quint32 value = valueText.toUInt(&ok, 16);
-    return ok ? value : 0;
+    quint32 value = 0;
+    for (int i = 0; i < 8; ++i) {
+        const int digit = digitValue(text[i]);
+        if (digit < 0)
+            return 0;
+        value = value << 4 | quint32(digit);
+    }
+    return value;
 }
 
-ResponseMatcher::ResponseMatcher(const QString &pattern)
-    : m_regExp(pattern, Qt::CaseSensitive, QRegExp::RegExp)
+quint32 valueOf(const QString &valueText)
+{
+    const QByteArray text = valueText.toLatin1();
+    return valueOf(text.constData(), text.size());
+}
+
+ResponseMatcher::ResponseMatcher(int n, bool lenient)
+    : m_count(n)
+    , m_minDigits(lenient ? 5 : 8)
+    , m_valueAt(n)
+    , m_valueSize(n)
 { }
+
+int ResponseMatcher::recordAt(const char *data, int size, int at, char letter) const
+{
+    if (at >= size || data[at] != letter)
+        return 0;
+    // The value class excludes CR, so the record is the longest run of value characters (no
+    // more than eight) followed by CR; no shorter run can be followed by CR.
+    int run = 0;
+    while (run < 9 && at + 1 + run < size && isValueChar(data[at + 1 + run]))
+        ++run;
+    const int cr = at + 1 + run;
+    if (run < m_minDigits || run > 8 || cr >= size || data[cr] != CR)
+        return 0;
+    return run + 2;
+}
+
+int ResponseMatcher::matchAt(const char *data, int size, int at)
+{
+    const int hSize = recordAt(data, size, at, 'H');
+    if (hSize == 0)
+        return 0;
+    int pos = at + hSize;
+    if (pos + 4 > size || data[pos] != 'v' || !isDigit(data[pos + 1]) || !isDigit(data[pos + 2])
+        || data[pos + 3] != CR)
+        return 0;
+    pos += 4;
+    for (int i = 0; i < m_count; ++i) {
+        const int dSize = recordAt(data, size, pos, 'd');
+        if (dSize == 0)
+            return 0;
+        m_valueAt[i] = pos + 1;
+        m_valueSize[i] = dSize - 2;
+        pos += dSize;
+    }
+    m_subject = data;
+    m_position = at;
+    m_hSize = hSize;
+    m_length = pos - at;
+    return m_length;
+}
+
+int ResponseMatcher::indexIn(const char *data, int size, int from)
+{
+    m_position = -1;
+    if (from < 0)
+        from = qMax(0, size + from);
+    for (int at = from; at < size; ++at) {
+        const void *h = std::memchr(data + at, 'H', size_t(size - at));
+        if (!h)
+            return -1;
+        at = int(static_cast<const char *>(h) - data);
+        if (matchAt(data, size, at))
+            return at;
+    }
+    return -1;
+}
+
+int ResponseMatcher::lastIndexIn(const char *data, int size, int from)
+{
+    m_position = -1;
+    int at = from < 0 ? size + from : qMin(from, size - 1);
+    for (; at >= 0; --at) {
+        const void *h = memrchr(data, 'H', size_t(at) + 1);
+        if (!h)
+            return -1;
+        at = int(static_cast<const char *>(h) - data);
+        if (matchAt(data, size, at))
+            return at;
+    }
+    return -1;
+}
 
 // The window is the last responseSize bytes; when a frame starts inside it, it is rotated to
 // begin there, which joins the newest frame's head to the older frame's tail. Such a join is
@@ -116,48 +285,87 @@ ResponseMatcher::ResponseMatcher(const QString &pattern)
 // A refused match leaves the cycle's next attempt to search backward for a whole frame.
 int ResponseMatcher::searchForward(const QByteArray &received, int responseSize)
 {
-    QByteArray window = received.right(responseSize);
-    const int p = window.indexOf(DC2);
-    int join = 0;
+    m_endInReceived = -1;
+    const int start = qMax(0, int(received.size()) - qMax(responseSize, 0));
+    const int size = received.size() - start;
+    const char *window = received.constData() + start;
+    const void *dc2 = std::memchr(window, DC2, size_t(size));
+    const int p = dc2 ? int(static_cast<const char *>(dc2) - window) : 0;
+    const int join = p > 0 ? size - p : 0;
     if (p > 0) {
-        join = window.size() - p;
-        window = window.mid(p) + window.left(p);
+        m_window.resize(size);
+        std::memcpy(m_window.data(), window + p, size_t(join));
+        std::memcpy(m_window.data() + join, window, size_t(p));
+        window = m_window.constData();
     }
-    const int position = m_regExp.indexIn(QString::fromLatin1(window), 0);
+    const int position = indexIn(window, size, 0);
     if (position < 0)
         return -1;
-    const int end = position + m_regExp.matchedLength();
-    const bool endsFrame
-        = end + 1 < window.size() && window.at(end) == '%' && window.at(end + 1) == DC4;
-    const bool joinInsideRecord = join > position && join < end && window.at(join - 1) != CR;
-    return endsFrame && !joinInsideRecord ? position : -1;
+    const int end = position + m_length;
+    const bool endsFrame = end + 1 < size && window[end] == '%' && window[end + 1] == DC4;
+    const bool joinInsideRecord = join > position && join < end && window[join - 1] != CR;
+    if (!endsFrame || joinInsideRecord)
+        return -1;
+    // In arrival order the turned window's head (the newest frame) comes after its tail.
+    m_endInReceived = start + (p == 0 ? end : end <= join ? p + end : end - join);
+    return position;
 }
 
-int ResponseMatcher::searchBackward(const QByteArray &rxBuf)
+int ResponseMatcher::searchBackward(const QByteArray &received)
 {
-    return m_regExp.lastIndexIn(QString::fromLatin1(rxBuf), -1);
+    const int position = lastIndexIn(received.constData(), received.size(), -1);
+    m_endInReceived = position < 0 ? -1 : position + m_length;
+    return position;
 }
 
-QString ResponseMatcher::hRecord() const
+QByteArray ResponseMatcher::cap(int nth) const
 {
-    return m_regExp.cap(1);
+    if (m_position < 0)
+        return QByteArray();
+    switch (nth) {
+    case 0:
+        return QByteArray(m_subject + m_position, m_length);
+    case 1:
+        return QByteArray(m_subject + m_position, m_hSize);
+    case 2:
+        return QByteArray(m_subject + m_position + m_hSize, 4);
+    case 3:
+        if (m_count == 0)
+            return QByteArray();
+        return QByteArray(m_subject + m_valueAt[m_count - 1] - 1, m_valueSize[m_count - 1] + 2);
+    default:
+        return QByteArray();
+    }
 }
 
 bool ResponseMatcher::countIs(int n) const
 {
-    return m_regExp.cap(2) == QString::asprintf("v%02d\r", n);
+    if (m_position < 0)
+        return false;
+    const char *v = m_subject + m_position + m_hSize;
+    return (v[1] - '0') * 10 + (v[2] - '0') == n;
+}
+
+bool ResponseMatcher::hRecordIs(const QByteArray &record) const
+{
+    return m_position >= 0 && record.size() == m_hSize
+        && std::memcmp(record.constData(), m_subject + m_position, size_t(m_hSize)) == 0;
 }
 
 QStringList ResponseMatcher::valueTexts() const
 {
-    QString records = m_regExp.cap(0);
-    records.remove(m_regExp.cap(1));
-    records.remove(m_regExp.cap(2));
-    records.remove(QLatin1Char(CR));
-    static const char valueChars[] = ":;<=>?";
-    for (int i = 0; i < 6; ++i)
-        records.replace(QLatin1Char(valueChars[i]), QLatin1Char(char('A' + i)));
-    return records.split(QLatin1Char('d'), Qt::SkipEmptyParts);
+    QStringList texts;
+    if (m_position < 0)
+        return texts;
+    for (int i = 0; i < m_count; ++i) {
+        QString text = QString::fromLatin1(valueText(i), valueSize(i));
+        for (QChar &c : text) {
+            if (c >= QLatin1Char(':') && c <= QLatin1Char('?'))
+                c = QLatin1Char(char('A' + (c.unicode() - ':')));
+        }
+        texts.append(text);
+    }
+    return texts;
 }
 
 } // namespace HustFrames

@@ -23,11 +23,6 @@ const char kEndMarker[] = {'%', DC4, '\0'};
 const int kStartMarkerSize = 3;
 const int kEndMarkerSize = 2;
 
-// Placeholder of the request template that the D parameter replaces before sending.
-const char kParameterSlot[] = "%*%";
-const char kReadCurrentParameter[] = "D000003>:"; // 1002: the current program
-const char kReadAllParameter[] = "D000003?1"; // 1009: all programs
-
 const char kReadAllKey[] = "ReadAllCode0";
 const char kReadCurrentKey[] = "ReadCurrentCode0";
 const char kBurningKey[] = "BurningCodeBit0";
@@ -173,7 +168,7 @@ bool HustGCodeprotocol::getGCodeFromController(QByteArray &out, int read_type)
         emit stopLoopReadSignal();
         pause(kStopPause);
     }
-    const QByteArray frame = requestFrame(read_type);
+    const QByteArray frame = HustFrames::programRequest(read_type != 0);
     port->setOption(AbstractDeviceInterface::DiscardReceivedOption, 0);
 
     // A program counts only when two successive answers agree byte for byte; every exchange
@@ -268,9 +263,7 @@ bool HustGCodeprotocol::sendGCodeToController(const QByteArray &code, int burnin
     port->writeData(header.constData(), header.size());
     pause(kSendPause);
 
-    QByteArray dataFrame;
-    dataFrame.reserve(code.size() + 4);
-    dataFrame.append(DC2).append('%').append(code).append('%').append(DC4);
+    const QByteArray dataFrame = HustFrames::programDataFrame(code);
     port->writeData(dataFrame.constData(), dataFrame.size());
 
     if (burning == 1) {
@@ -285,39 +278,24 @@ bool HustGCodeprotocol::sendGCodeToController(const QByteArray &code, int burnin
 QByteArray HustGCodeprotocol::packGetCurrentGCodeCmd()
 {
     QMutexLocker lock(&m_stateMutex);
-    if (m_getCodeCmd.isEmpty()) {
-        m_getCodeCmd.append(DC2).append('%').append(CR);
-        m_getCodeCmd.append("O9012").append(CR);
-        m_getCodeCmd.append("N10768").append(CR);
-        m_getCodeCmd.append(kParameterSlot).append(CR);
-        m_getCodeCmd.append('%').append(DC4);
-    }
+    if (m_getCodeCmd.isEmpty())
+        m_getCodeCmd = HustFrames::programRequestTemplate();
     return m_getCodeCmd;
 }
 
 QByteArray HustGCodeprotocol::packSendGCodeCmd()
 {
     QMutexLocker lock(&m_stateMutex);
-    if (m_sendCodeCmd.isEmpty()) {
-        m_sendCodeCmd.append(DC2).append('%').append(CR);
-        m_sendCodeCmd.append("O9012").append(CR);
-        m_sendCodeCmd.append("N10768").append(CR);
-        m_sendCodeCmd.append("D000003>9").append(CR); // 1001: a program follows
-        m_sendCodeCmd.append('%').append(DC4);
-    }
+    if (m_sendCodeCmd.isEmpty())
+        m_sendCodeCmd = HustFrames::programSendHeader();
     return m_sendCodeCmd;
 }
 
 QByteArray HustGCodeprotocol::packBurningGCodeCmd()
 {
     QMutexLocker lock(&m_stateMutex);
-    if (m_burningCodeCmd.isEmpty()) {
-        m_burningCodeCmd.append(DC2).append('%').append(CR);
-        m_burningCodeCmd.append("O9000").append(CR);
-        m_burningCodeCmd.append("N100011").append(CR);
-        m_burningCodeCmd.append("G10 P600 L01"); // no CR before the closing "%"
-        m_burningCodeCmd.append('%').append(DC4);
-    }
+    if (m_burningCodeCmd.isEmpty())
+        m_burningCodeCmd = HustFrames::burnFrame();
     return m_burningCodeCmd;
 }
 
@@ -340,13 +318,6 @@ QByteArray HustGCodeprotocol::normalizedGCode(const QByteArray &text)
 void HustGCodeprotocol::pause(int ms)
 {
     QThread::msleep(static_cast<unsigned long>(ms));
-}
-
-QByteArray HustGCodeprotocol::requestFrame(int read_type)
-{
-    QByteArray frame = packGetCurrentGCodeCmd();
-    frame.replace(kParameterSlot, read_type == 0 ? kReadCurrentParameter : kReadAllParameter);
-    return frame;
 }
 
 QByteArray HustGCodeprotocol::abandonExchange(const char *why, int received)

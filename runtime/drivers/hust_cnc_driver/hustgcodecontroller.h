@@ -75,7 +75,6 @@ protected:
     virtual void pause(int ms);
 
 private:
-    QByteArray requestFrame(int read_type);
     QByteArray abandonExchange(const char *why, int received);
 
     QByteArray m_getCodeCmd;
