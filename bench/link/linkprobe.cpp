@@ -31,6 +31,7 @@
 #include <QThread>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 
 #include <sys/resource.h>
@@ -103,6 +104,39 @@ private:
     QProcess m_process;
 };
 
+// The serial port as the driver sees it, counting the bytes read through it.
+class CountingPort : public AbstractDeviceInterface
+{
+public:
+    explicit CountingPort(SerialPort &port)
+        : m_port(port)
+    { }
+
+    qint64 bytesRead() const { return m_bytes; }
+
+    int readData(char *data, int maxSize) override { return count(m_port.readData(data, maxSize)); }
+    int receiveData(char *data, int maxSize) override
+    {
+        return count(m_port.receiveData(data, maxSize));
+    }
+    int writeData(const char *data, int size) override { return m_port.writeData(data, size); }
+    DeviceSetting *getDeviceSetting() override { return m_port.getDeviceSetting(); }
+    void getOption(int option, QVariant &value) override { m_port.getOption(option, value); }
+    void setOption(int option, const QVariant &value) override { m_port.setOption(option, value); }
+    int getRetry() override { return m_port.getRetry(); }
+    int getDelay() override { return m_port.getDelay(); }
+
+private:
+    int count(int bytes)
+    {
+        m_bytes += qMax(bytes, 0);
+        return bytes;
+    }
+
+    SerialPort &m_port;
+    std::atomic<qint64> m_bytes {0};
+};
+
 struct Sample
 {
     qint64 t; // ms since the start of the watch
@@ -160,6 +194,7 @@ int main(int argc, char **argv)
         fprintf(stderr, "hust_linkprobe: %s\n", qPrintable(port.errorString()));
         return 1;
     }
+    CountingPort counted(port);
     QPluginLoader loader(
         QDir(binDir).absoluteFilePath(QStringLiteral("../plugins/libhust_cnc_driver.so")));
     auto *driver = qobject_cast<DriverInterface *>(loader.instance());
@@ -172,7 +207,7 @@ int main(int argc, char **argv)
     driver->setSessionCommand({screen});
 
     // Wait for the first data, as a screen does when it opens.
-    while (driver->read(&port, screen).isEmpty() && clock.elapsed() < 10000)
+    while (driver->read(&counted, screen).isEmpty() && clock.elapsed() < 10000)
         QThread::msleep(quint32(pollMs));
     const double cpuBefore = cpuSeconds();
     const qint64 watchStart = clock.elapsed();
@@ -193,7 +228,7 @@ int main(int argc, char **argv)
                 restarted = true;
             }
         }
-        const QByteArray data = driver->read(&port, screen);
+        const QByteArray data = driver->read(&counted, screen);
         QCoreApplication::processEvents();
         Sample s {t, driver->hasError(),
                   driver->getThisObject()->property("deliveredBlocks").toULongLong(), -1};
@@ -216,6 +251,7 @@ int main(int argc, char **argv)
                         {"fault", fault},
                         {"T_ms", frameSeconds * 1000},
                         {"cpu_ms_per_s", cpu * 1000 / elapsed},
+                        {"bytes_read", double(counted.bytesRead())},
                         {"peak_memory_kb", qint64(peakMemoryKb())}};
     if (fault == QLatin1String("none")) {
         QVector<double> ages;

@@ -41,10 +41,7 @@ public:
     // The state of a driver whose worker streams `list` into a cache holding `block`.
     void setStreaming(const QStringList &list, const QByteArray &block)
     {
-        {
-            QMutexLocker lock(&d.m_addrListMutex);
-            d.m_currentAddrList = list;
-        }
+        d.storeAddrList(list);
         QMutexLocker lock(&d.m_blockDataMutex);
         d.m_currentBlockData = block;
         d.isStartLoopRead = true;

@@ -359,28 +359,35 @@ QByteArray DriverHushCNCReaderWriter::extractDataFromRespBuf(const QStringList &
                                                              const int &data_length,
                                                              bool &isFullData)
 {
-    QByteArray block;
+    const int count = qBound(0, data_length, int(data.size()));
+    QByteArray block(4 * count, Qt::Uninitialized);
+    int size = 0;
     isFullData = true;
-    for (int i = 0; i < data_length && i < data.size(); ++i) {
+    for (int i = 0; i < count; ++i) {
         const QByteArray text = data.at(i).toLatin1();
-        appendValue(block, i, text.constData(), text.size(), data_length, isFullData);
+        size += putValue(block.data() + size, i, text.constData(), text.size(), data_length,
+                         isFullData);
     }
+    block.truncate(size);
     return block;
 }
 
-void DriverHushCNCReaderWriter::appendValue(QByteArray &block, int i, const char *text, int size,
-                                            int dataLength, bool &isFullData) const
+int DriverHushCNCReaderWriter::putValue(char *out, int i, const char *text, int size,
+                                        int dataLength, bool &isFullData) const
 {
     if (size < 8) {
         isFullData = false;
-        if (m_lastFullBlock.size() / 4 == dataLength)
-            block.append(m_lastFullBlock.constData() + 4 * i, 4);
-        return;
+        if (m_lastFullBlock.size() / 4 != dataLength)
+            return 0;
+        std::memcpy(out, m_lastFullBlock.constData() + 4 * i, 4);
+        return 4;
     }
     const quint32 value = HustFrames::valueOf(text, size);
-    const char bytes[4] = {char(value & 0xFF), char((value >> 8) & 0xFF),
-                           char((value >> 16) & 0xFF), char(value >> 24)};
-    block.append(bytes, 4);
+    out[0] = char(value & 0xFF);
+    out[1] = char((value >> 8) & 0xFF);
+    out[2] = char((value >> 16) & 0xFF);
+    out[3] = char(value >> 24);
+    return 4;
 }
 
 void DriverHushCNCReaderWriter::sendStopSendCommand(int)
@@ -421,6 +428,9 @@ void DriverHushCNCReaderWriter::readFromCNCController(bool isResponse, QByteArra
     c.matcher = &matcherFor(n, !isResponse && m_lastFullBlock.size() / 4 == n);
     if (!isResponse)
         c.rxBuf.swap(m_carried);
+    // Room for a response, a read's worth behind it and what a failed attempt keeps: appending
+    // then never reallocates, and the buffer handed on as the carry keeps its room.
+    c.rxBuf.reserve(2 * c.rxBufSize + Count::MaxReadSize);
     // A carried frame start needs only the rest of its frame.
     const bool atFrame = c.rxBuf.startsWith(HustFrames::DC2);
     c.tmpSize = atFrame ? c.rxBufSize - c.rxBuf.size() : c.rxBufSize;
@@ -580,11 +590,14 @@ DriverHushCNCReaderWriter::Step DriverHushCNCReaderWriter::checkHCode(ReadCycle 
 void DriverHushCNCReaderWriter::finish(ReadCycle &c, QByteArray *response)
 {
     const HustFrames::ResponseMatcher &matcher = *c.matcher;
-    QByteArray block;
-    block.reserve(4 * c.count);
+    QByteArray block(4 * c.count, Qt::Uninitialized);
+    int size = 0;
     bool isFullData = true;
-    for (int i = 0; i < c.count; ++i)
-        appendValue(block, i, matcher.valueText(i), matcher.valueSize(i), c.count, isFullData);
+    for (int i = 0; i < c.count; ++i) {
+        size += putValue(block.data() + size, i, matcher.valueText(i), matcher.valueSize(i),
+                         c.count, isFullData);
+    }
+    block.truncate(size);
     if (!c.isResponse) {
         const int next = c.rxBuf.indexOf(HustFrames::DC2, matcher.endInReceived());
         if (next >= 0) {
@@ -633,12 +646,12 @@ void DriverHushCNCReaderWriter::takeBacklog()
         waiting -= got;
         const int appended = int(qstrnlen(m_rxChunk, uint(got)));
         const void *dc2 = memrchr(m_rxChunk, HustFrames::DC2, size_t(appended));
+        const char *from = m_rxChunk;
         if (dc2) {
-            const char *start = static_cast<const char *>(dc2);
-            m_carried = QByteArray(start, int(m_rxChunk + appended - start));
-        } else {
-            m_carried.append(m_rxChunk, appended);
+            from = static_cast<const char *>(dc2);
+            m_carried.truncate(0);
         }
+        m_carried.append(from, int(m_rxChunk + appended - from));
     }
     // Without a frame start nothing older than two responses can still be of use.
     const int most = 2 * calculateRxBufSize();

@@ -135,10 +135,12 @@ private:
     int readChunk(int maxSize);
     // The matcher for n addresses, strict or lenient, made once per n.
     HustFrames::ResponseMatcher &matcherFor(int n, bool lenient);
-    // Appends value i of a response (value characters text, size of them) to block: its
-    // double word, or for a short value the one of the last full block.
-    void appendValue(QByteArray &block, int i, const char *text, int size, int dataLength,
-                     bool &isFullData) const;
+    // Writes value i of a response (value characters text, size of them) at out, least
+    // significant byte first: its double word, or for a short value the one of the last full
+    // block of dataLength values. Returns the bytes written: 4, or 0 for a short value without
+    // such a block.
+    int putValue(char *out, int i, const char *text, int size, int dataLength,
+                 bool &isFullData) const;
     // Hands a decoded block to the immediate caller or, in loop mode, to the driver's cache.
     void deliver(const QByteArray &block, bool isFullData, bool isResponse, QByteArray *response);
 

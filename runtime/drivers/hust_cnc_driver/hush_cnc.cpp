@@ -60,6 +60,9 @@ const char *const GCODE_KEYS[] = {"ReadAllCode0", "ReadCurrentCode0", "BurningCo
 
 const char WRITE_BIT_DIRECT_DISABLE_KEY[] = "WriteBitDirectDisable0";
 
+// Block reads of this address write a trace line when they bring anything but zero.
+const char TRACED_ADDRESS[] = "C160";
+
 // The wait of a block read for a usable cache: passes of checks, 10 ms apart, 20 ms between
 // passes, about 1.2 s in all.
 const int WAIT_PASSES = 5;
@@ -184,6 +187,7 @@ DriverHushCNC::DriverHushCNC()
     , m_sessionHolder(nullptr)
     , m_addrListGeneration(0)
     , m_workerListGeneration(0)
+    , m_freshModeGeneration(-1)
     , m_freshMode(0)
     , m_testCaseCancelled(false)
     , m_deliveredBlocks(0)
@@ -614,33 +618,81 @@ quint64 DriverHushCNC::deliveredBlocks() const
     return m_deliveredBlocks;
 }
 
-int DriverHushCNC::freshReadMode(const QStringList &list)
-{
-    if (list != m_freshModeList) {
-        m_freshModeList = list;
-        m_freshMode = anyExactMatch(list, m_d1200RegExp) ? 1
-            : anyExactMatch(list, m_d1202RegExp)         ? 2
-                                                         : 0;
-    }
-    return m_freshMode;
-}
-
 // ---- Block and bit reads -------------------------------------------------------------------
+
+// A screen reads the same commands over and over; each is translated once. The translation
+// records where the command's first double word stands in the loop list of one generation of
+// the list, so that a read from a warm cache parses and formats nothing.
+DriverHushCNC::Translation &DriverHushCNC::translation(const CommunicatorCommand &cmd, bool bitRead)
+{
+    const TranslationKey key {cmd.address, cmd.dataType, cmd.length, bitRead};
+    auto it = m_translations.find(key);
+    if (it != m_translations.end())
+        return *it;
+    // A run-time that makes up new commands without end cannot grow the table without end.
+    if (m_translations.size() >= MaxTranslations)
+        m_translations.clear();
+    Translation t;
+    if (bitRead) {
+        // A bit is read through its double word: the base address as one double-word read.
+        CommunicatorCommand dwordCmd(cmd);
+        dwordCmd.address = baseAddress(cmd.address);
+        dwordCmd.dataType = CommunicatorCommand::DWordType;
+        t.names = addr2DWAddrList(dwordCmd);
+        t.dataType = CommunicatorCommand::DWordType;
+        t.bit = DriverHushCNCReaderWriter::getBitLoc(dwordCmd.address);
+        t.readBit = DriverHushCNCReaderWriter::getBitLoc(cmd.address);
+        t.traced = dwordCmd.address == QLatin1String(TRACED_ADDRESS);
+    } else {
+        t.names = addr2DWAddrList(cmd);
+        t.dataType = cmd.dataType;
+        t.bit = DriverHushCNCReaderWriter::getBitLoc(cmd.address);
+        t.traced = cmd.address == QLatin1String(TRACED_ADDRESS);
+    }
+    t.fresh1200 = anyExactMatch(t.names, m_d1200RegExp);
+    t.fresh1202 = anyExactMatch(t.names, m_d1202RegExp);
+    return *m_translations.insert(key, t);
+}
 
 QByteArray DriverHushCNC::readBlock(const CommunicatorCommand &cmd)
 {
     if (holdsSessionGate())
         return QByteArray();
     QMutexLocker gate(&m_sessionMutex);
+    return readDWords(cmd, translation(cmd, false));
+}
 
-    const QStringList names = addr2DWAddrList(cmd);
+// The steps of a block read, under the session gate.
+QByteArray DriverHushCNC::readDWords(const CommunicatorCommand &cmd, Translation &t)
+{
+    int generation;
+    int listSize;
     QStringList list;
     {
         QMutexLocker lock(&m_addrListMutex);
-        list = m_currentAddrList;
+        generation = m_addrListGeneration;
+        listSize = m_currentAddrList.size();
+        if (t.listGeneration != generation)
+            list = m_currentAddrList;
     }
-    if (!containsAll(list, names)) {
-        const QStringList merged = mergedNames(list, names);
+    if (t.listGeneration != generation) {
+        t.listGeneration = generation;
+        t.index = !containsAll(list, t.names) ? NamesMissing
+            : t.names.isEmpty()               ? NoNames
+                                              : sortedIndexOf(list, t.names.first());
+        if (m_freshModeGeneration != generation) {
+            m_freshModeGeneration = generation;
+            m_freshMode = anyExactMatch(list, m_d1200RegExp) ? 1
+                : anyExactMatch(list, m_d1202RegExp)         ? 2
+                                                             : 0;
+        }
+    }
+    if (t.index == NamesMissing) {
+        {
+            QMutexLocker lock(&m_addrListMutex);
+            list = m_currentAddrList;
+        }
+        const QStringList merged = mergedNames(list, t.names);
         if (merged.size() > MaxLoopNames) {
             emit showOverflowMsg(merged.size());
             return QByteArray();
@@ -651,16 +703,20 @@ QByteArray DriverHushCNC::readBlock(const CommunicatorCommand &cmd)
         m_loopTriggerIndex = 0;
         return QByteArray();
     }
-    if (list.size() > MaxLoopNames) {
-        emit showOverflowMsg(list.size());
+    if (listSize > MaxLoopNames) {
+        emit showOverflowMsg(listSize);
         return QByteArray();
     }
     if (!isStartLoopRead) {
+        {
+            QMutexLocker lock(&m_addrListMutex);
+            list = m_currentAddrList;
+            generation = m_addrListGeneration;
+        }
         m_readsSinceTrigger = 0;
         m_loopTriggerIndex = 0;
         isStartLoopRead = true;
         // Tell the worker's thread, ahead of the start, which list its blocks will belong to.
-        const int generation = m_addrListGeneration;
         if (m_readerWriter) {
             QMetaObject::invokeMethod(
                 m_readerWriter, [this, generation] { m_workerListGeneration = generation; },
@@ -672,27 +728,22 @@ QByteArray DriverHushCNC::readBlock(const CommunicatorCommand &cmd)
         return QByteArray();
     }
 
-    const int mode = freshReadMode(list);
-    const bool freshRead = (mode == 1 && anyExactMatch(names, m_d1200RegExp))
-        || (mode == 2 && anyExactMatch(names, m_d1202RegExp));
-
-    if (names.isEmpty())
-        return QByteArray();
-    const int index = sortedIndexOf(list, names.first());
-    if (index < 0)
+    const int mode = m_freshMode;
+    const bool freshRead = (mode == 1 && t.fresh1200) || (mode == 2 && t.fresh1202);
+    if (t.index < 0)
         return QByteArray();
 
     const auto workerIsReading
         = [this] { return m_readerWriter && m_readerWriter->m_isLoopReading; };
+    QByteArray block;
     bool ready = false;
     for (int pass = 0; pass < WAIT_PASSES && !ready; ++pass) {
         for (int check = 0; check < CHECKS_PER_PASS; ++check) {
-            int size = 0;
             {
                 QMutexLocker lock(&m_blockDataMutex);
-                size = m_currentBlockData.size();
+                block = m_currentBlockData;
             }
-            if (size <= 0 || size / 4 != list.size()) {
+            if (block.size() <= 0 || block.size() / 4 != listSize) {
                 if (!isStartLoopRead) {
                     qCDebug(lcHustDriver)
                         << " m_currentBlockData'dataLength is 0 and  isStartLoopRead==false ";
@@ -716,28 +767,21 @@ QByteArray DriverHushCNC::readBlock(const CommunicatorCommand &cmd)
         return QByteArray();
     }
 
-    QByteArray block;
-    {
-        QMutexLocker lock(&m_blockDataMutex);
-        block = m_currentBlockData;
-    }
-    const QByteArray result = extractDataFromDWordByteArray(
-        cmd.dataType, cmd.address, block.mid(4 * index, 4 * names.size()), int(cmd.length));
-
-    if (cmd.address == QLatin1String("C160")) {
+    const QByteArray result
+        = cutData(t.dataType, t.bit, block, 4 * t.index, 4 * int(t.names.size()), int(cmd.length));
+    if (t.traced && lcHustDriver().isDebugEnabled()) {
         const QByteArray hex = result.toHex();
         if (hex != "00000000")
             qCDebug(lcHustDriver) << "3 page: error B10800:  " << hex;
     }
 
-    const int listSize = list.size();
     if (mode != 0) {
         if (freshRead) {
             m_isBlockDataUpdated = false;
             if (!workerIsReading())
                 emit loopRead();
         }
-    } else if (index == m_loopTriggerIndex) {
+    } else if (t.index == m_loopTriggerIndex) {
         if (!workerIsReading())
             emit loopRead();
         m_readsSinceTrigger = 0;
@@ -751,24 +795,37 @@ QByteArray DriverHushCNC::readBlock(const CommunicatorCommand &cmd)
     return result;
 }
 
+// A command's data out of the size bytes of double words at from in block: one byte for a bit
+// of the first double word (0 beyond it), words from the half the bit position names, or the
+// double words themselves.
+QByteArray DriverHushCNC::cutData(CommunicatorCommand::DataType dataType, int bit,
+                                  const QByteArray &block, int from, int size, int length)
+{
+    size = qBound(0, size, qMax(0, int(block.size()) - from));
+    switch (dataType) {
+    case CommunicatorCommand::BitType: {
+        const bool set = bit >= 0 && bit < 32 && bit < 8 * size
+            && (quint8(block.at(from + bit / 8)) >> (bit % 8) & 1) != 0;
+        return QByteArray(1, set ? 1 : 0);
+    }
+    case CommunicatorCommand::WordType: {
+        if (length < 1)
+            return QByteArray();
+        const int half = bit < 16 ? 0 : 2;
+        return block.mid(from + half, qBound(0, size - half, 2 * length));
+    }
+    default:
+        return block.mid(from, size);
+    }
+}
+
 QByteArray DriverHushCNC::extractDataFromDWordByteArray(CommunicatorCommand::DataType dataType,
                                                         const QString &address,
                                                         const QByteArray &dWordByteArray,
                                                         int length)
 {
-    const int bit = DriverHushCNCReaderWriter::getBitLoc(address);
-    switch (dataType) {
-    case CommunicatorCommand::BitType: {
-        const bool set = bit >= 0 && bit < 32 && getBit(dWordByteArray, bit);
-        return QByteArray(1, set ? 1 : 0);
-    }
-    case CommunicatorCommand::WordType:
-        if (length < 1)
-            return QByteArray();
-        return dWordByteArray.mid(bit < 16 ? 0 : 2, 2 * length);
-    default:
-        return dWordByteArray;
-    }
+    return cutData(dataType, DriverHushCNCReaderWriter::getBitLoc(address), dWordByteArray, 0,
+                   dWordByteArray.size(), length);
 }
 
 QByteArray DriverHushCNC::extractZeroDataFromDWordByteArray(CommunicatorCommand::DataType dataType,
@@ -788,12 +845,16 @@ QByteArray DriverHushCNC::readBit(const CommunicatorCommand &cmd)
 {
     if (cmd.address == QLatin1String(WRITE_BIT_DIRECT_DISABLE_KEY))
         return QByteArray(1, m_isWriteBitDirectDisable ? 1 : 0);
-
-    const int bit = DriverHushCNCReaderWriter::getBitLoc(cmd.address);
-    CommunicatorCommand dwordCmd(cmd);
-    dwordCmd.address = baseAddress(cmd.address);
-    dwordCmd.dataType = CommunicatorCommand::DWordType;
-    const QByteArray data = readBlock(dwordCmd);
+    if (holdsSessionGate())
+        return QByteArray();
+    QByteArray data;
+    int bit;
+    {
+        QMutexLocker gate(&m_sessionMutex);
+        Translation &t = translation(cmd, true);
+        bit = t.readBit;
+        data = readDWords(cmd, t);
+    }
     if (data.isEmpty())
         return QByteArray();
     if (bit < 0 || bit >= 8 * data.size()) {

@@ -6,6 +6,7 @@
 
 #include <QAtomicInt>
 #include <QByteArray>
+#include <QHash>
 #include <QMutex>
 #include <QObject>
 #include <QRegExp>
@@ -129,8 +130,46 @@ private:
     // Replaces the loop-read list and counts the change, so that blocks read for an earlier list
     // are not taken into the cache.
     void storeAddrList(const QStringList &list);
-    // Which fresh-read registers the list holds: 0 none, 1 d12001..d12006, 2 d12021..d12026.
-    int freshReadMode(const QStringList &list);
+    // A command as a read needs it, translated once (see translation()).
+    struct Translation
+    {
+        QStringList names; // the double words read
+        CommunicatorCommand::DataType dataType = CommunicatorCommand::DWordType; // of the cut
+        int bit = 0; // the bit position that chooses the cut
+        int readBit = 0; // a bit read: the bit picked from the double word
+        bool fresh1200 = false; // the names hold d12001..d12006
+        bool fresh1202 = false; // the names hold d12021..d12026
+        bool traced = false;
+        // The loop list generation that index belongs to, and where names.first() stands in it
+        // (NoNames, NamesMissing).
+        int listGeneration = -1;
+        int index = -1;
+    };
+    static constexpr int NoNames = -1;
+    static constexpr int NamesMissing = -2;
+    static constexpr int MaxTranslations = 4096;
+    struct TranslationKey
+    {
+        QString address;
+        int dataType;
+        quint32 length;
+        bool bitRead;
+        bool operator==(const TranslationKey &o) const
+        {
+            return length == o.length && dataType == o.dataType && bitRead == o.bitRead
+                && address == o.address;
+        }
+        friend uint qHash(const TranslationKey &key, uint seed)
+        {
+            return qHash(key.address, seed) ^ uint(key.dataType) ^ (key.length << 4)
+                ^ (key.bitRead ? 0x80000000u : 0u);
+        }
+    };
+
+    Translation &translation(const CommunicatorCommand &cmd, bool bitRead);
+    QByteArray readDWords(const CommunicatorCommand &cmd, Translation &t);
+    static QByteArray cutData(CommunicatorCommand::DataType dataType, int bit,
+                              const QByteArray &block, int from, int size, int length);
     bool writeBitPath(const CommunicatorCommand &cmd, const QByteArray &data);
     bool writeBlockPath(AbstractDeviceInterface *interface, const CommunicatorCommand &cmd,
                         const QByteArray &data);
@@ -172,9 +211,12 @@ private:
     // the cache only when both agree and loop reading is not stopped.
     std::atomic<int> m_addrListGeneration;
     std::atomic<int> m_workerListGeneration;
-    // The list whose fresh-read mode was last computed, and that mode.
-    QStringList m_freshModeList;
+    // Which fresh-read registers the loop list of generation m_freshModeGeneration holds: 0 none,
+    // 1 d12001..d12006, 2 d12021..d12026.
+    int m_freshModeGeneration;
     int m_freshMode;
+    // Session gate only.
+    QHash<TranslationKey, Translation> m_translations;
     std::atomic<bool> m_testCaseCancelled;
     std::atomic<quint64> m_deliveredBlocks;
 };

@@ -54,27 +54,37 @@ QByteArray programFrame(const char *parameter)
     return frameTail(frame);
 }
 
-// Characters of H and d values: ',' and '0' to '?'.
-bool isValueChar(char c)
+// What each byte is to the grammar and to the decoder. A value character of the grammar is ','
+// or '0' to '?'; the decoder reads value characters '0' to '?' and letters 'A' to 'F' in either
+// case as digits and anything else (',' included) as no digit. Tables keep the per-byte work of
+// a search small.
+struct CharTable
 {
-    return (c >= '0' && c <= '?') || c == ',';
-}
+    bool isValue[256];
+    signed char digit[256]; // -1: no digit
+
+    constexpr CharTable()
+        : isValue()
+        , digit()
+    {
+        for (int c = 0; c < 256; ++c)
+            digit[c] = -1;
+        for (int c = '0'; c <= '?'; ++c) {
+            isValue[c] = true;
+            digit[c] = static_cast<signed char>(c - '0');
+        }
+        isValue[int(',')] = true;
+        for (int c = 0; c < 6; ++c) {
+            digit['A' + c] = static_cast<signed char>(10 + c);
+            digit['a' + c] = static_cast<signed char>(10 + c);
+        }
+    }
+};
+constexpr CharTable Chars;
 
 bool isDigit(char c)
 {
     return c >= '0' && c <= '9';
-}
-
-// One hexadecimal digit written as a value character ('0' to '?') or as a letter; -1 otherwise.
-int digitValue(char c)
-{
-    if (c >= '0' && c <= '?')
-        return c - '0';
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    return -1;
 }
 
 } // namespace
@@ -181,13 +191,13 @@ quint32 valueOf(const char *text, int size)
     if (size != 8)
         return 0;
     quint32 value = 0;
+    int invalid = 0;
     for (int i = 0; i < 8; ++i) {
-        const int digit = digitValue(text[i]);
-        if (digit < 0)
-            return 0;
-        value = value << 4 | quint32(digit);
+        const int digit = Chars.digit[quint8(text[i])];
+        invalid |= digit;
+        value = value << 4 | quint32(digit & 0xF);
     }
-    return value;
+    return invalid < 0 ? 0 : value;
 }
 
 quint32 valueOf(const QString &valueText)
@@ -209,8 +219,10 @@ int ResponseMatcher::recordAt(const char *data, int size, int at, char letter) c
         return 0;
     // The value class excludes CR, so the record is the longest run of value characters (no
     // more than eight) followed by CR; no shorter run can be followed by CR.
+    const int most = qMin(9, size - at - 1);
+    const char *value = data + at + 1;
     int run = 0;
-    while (run < 9 && at + 1 + run < size && isValueChar(data[at + 1 + run]))
+    while (run < most && Chars.isValue[quint8(value[run])])
         ++run;
     const int cr = at + 1 + run;
     if (run < m_minDigits || run > 8 || cr >= size || data[cr] != CR)
