@@ -2,6 +2,7 @@
 // pseudo-terminal paced like the line, and reports what the screen saw.
 //
 //   hust_linkprobe [--n N] [--seconds S] [--poll MS] [--fault KIND] [--json]
+//   hust_linkprobe --gcode read|send --size BYTES [--speed X] [--json]
 //
 // The screen is one block read of N double words (DW100 up) every --poll ms (default 10),
 // each followed by hasError(), as the run-time does. Double word 100 holds the simulator's
@@ -13,6 +14,12 @@
 // 38400 s), data age p50/p95 in T, the process's CPU time per received byte and its peak memory;
 // with a fault, how long the error took to show, how long fresh blocks took to return after the
 // line came back, and how long the error stayed after that.
+//
+// With --gcode the probe reads the current part program (or sends one) of --size bytes through
+// the driver's G-code keys instead and reports the share of the line's character rate the
+// transfer used and its CPU time per program byte. A pseudo-terminal takes the panel's writes at
+// once, so the probe holds each write for as long as the line would take to send it. --speed
+// makes line and simulator X times faster.
 #include "communicatorcommand.h"
 #include "driverinterface.h"
 #include "drv_dev_setting.h"
@@ -113,13 +120,21 @@ public:
     { }
 
     qint64 bytesRead() const { return m_bytes; }
+    // Holds each write until a line of this many characters a second would have sent it.
+    void paceWrites(double charactersPerSecond) { m_writeRate = charactersPerSecond; }
 
     int readData(char *data, int maxSize) override { return count(m_port.readData(data, maxSize)); }
     int receiveData(char *data, int maxSize) override
     {
         return count(m_port.receiveData(data, maxSize));
     }
-    int writeData(const char *data, int size) override { return m_port.writeData(data, size); }
+    int writeData(const char *data, int size) override
+    {
+        const int written = m_port.writeData(data, size);
+        if (m_writeRate > 0)
+            QThread::usleep(quint64(size * 1e6 / m_writeRate));
+        return written;
+    }
     DeviceSetting *getDeviceSetting() override { return m_port.getDeviceSetting(); }
     void getOption(int option, QVariant &value) override { m_port.getOption(option, value); }
     void setOption(int option, const QVariant &value) override { m_port.setOption(option, value); }
@@ -135,6 +150,7 @@ private:
 
     SerialPort &m_port;
     std::atomic<qint64> m_bytes {0};
+    double m_writeRate = 0;
 };
 
 struct Sample
@@ -144,6 +160,64 @@ struct Sample
     quint64 blocks;
     double ageMs; // -1 without data
 };
+
+// A part program of size bytes, in lines as a CAM system writes them.
+QByteArray program(int size)
+{
+    QByteArray text;
+    text.reserve(size + 64);
+    for (int line = 1; text.size() < size; ++line)
+        text += "N" + QByteArray::number(line) + " G01 X12.345 Y-67.890 Z0.5 F1200\n";
+    text.truncate(size);
+    return text;
+}
+
+// Reads the current program, or sends text, through the driver's G-code keys as a screen does:
+// a write of the request key, then the status word polled until the transfer is over.
+QJsonObject transfer(DriverInterface *driver, AbstractDeviceInterface *port, bool send,
+                     const QByteArray &text, double lineRate)
+{
+    const CommunicatorCommand status(CommunicatorCommand::DWordType, 1,
+                                     QStringLiteral("PROTOCOL_STATUS0"));
+    // The worker and the G-code object start here, outside the measured span.
+    driver->read(port, status);
+    const quint32 done = send ? 0x10000 : 0x1;
+    const double cpuBefore = cpuSeconds();
+    QElapsedTimer clock;
+    clock.start();
+    if (send) {
+        driver->write(
+            port,
+            CommunicatorCommand(CommunicatorCommand::DWordType, 1, QStringLiteral("Code2CtrlCmd")),
+            text);
+    } else {
+        driver->write(port,
+                      CommunicatorCommand(CommunicatorCommand::BitType, 1,
+                                          QStringLiteral("ReadCurrentCode0")),
+                      QByteArray(1, 1));
+    }
+    quint32 word = 0;
+    while (!(word & done) && clock.elapsed() < 3'600'000) {
+        QCoreApplication::processEvents();
+        QThread::msleep(10);
+        const QByteArray data = driver->read(port, status);
+        if (data.size() == 4)
+            word = quint32(quint8(data.at(0))) | quint32(quint8(data.at(2))) << 16;
+    }
+    const double seconds = clock.elapsed() / 1000.0;
+    const double cpu = cpuSeconds() - cpuBefore;
+    const QByteArray received = send
+        ? text
+        : driver->read(
+            port,
+            CommunicatorCommand(CommunicatorCommand::BlockType, 1, QStringLiteral("ReadCode")));
+    return QJsonObject {{"gcode", send ? "send" : "read"},
+                        {"size", text.size()},
+                        {"transferred", received.size()},
+                        {"seconds", seconds},
+                        {"line_share", received.size() / (seconds * lineRate)},
+                        {"cpu_us_per_byte", cpu * 1e6 / qMax(1, int(received.size()))}};
+}
 
 } // namespace
 
@@ -157,6 +231,9 @@ int main(int argc, char **argv)
                        {"seconds", "length of the watch", "S", "20"},
                        {"poll", "ms between reads", "MS", "10"},
                        {"fault", "none, cable-pull, hangup or restart", "KIND", "none"},
+                       {"gcode", "read or send a part program", "KIND"},
+                       {"size", "bytes of the part program", "BYTES", "10240"},
+                       {"speed", "line and simulator this many times faster", "X", "1"},
                        {"json", "one JSON object instead of text"}});
     parser.process(app);
     const int n = parser.value("n").toInt();
@@ -173,8 +250,21 @@ int main(int argc, char **argv)
     const QString simProgram = binDir + QStringLiteral("/hust-sim");
     QTemporaryDir dir;
     const QString link = dir.filePath(QStringLiteral("cnc"));
+    const QString gcode = parser.value("gcode");
+    const double speed = parser.value("speed").toDouble();
+    const QByteArray text = program(parser.value("size").toInt());
     QStringList simArguments {QStringLiteral("--link"), link, QStringLiteral("--clock"),
                               QString::number(FirstRegister)};
+    if (speed != 1.0)
+        simArguments << QStringLiteral("--speed") << QString::number(speed);
+    if (gcode == QLatin1String("read")) {
+        QDir(dir.path()).mkdir(QStringLiteral("programs"));
+        QFile file(dir.filePath(QStringLiteral("programs/O0001")));
+        if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size())
+            return 1;
+        file.close();
+        simArguments << QStringLiteral("--programs") << dir.filePath(QStringLiteral("programs"));
+    }
     if (fault == QLatin1String("cable-pull"))
         simArguments << QStringLiteral("--cable-pull")
                      << QStringLiteral("%1:%2").arg(FaultAtMs).arg(downMs);
@@ -201,6 +291,13 @@ int main(int argc, char **argv)
     if (!driver) {
         fprintf(stderr, "hust_linkprobe: %s\n", qPrintable(loader.errorString()));
         return 1;
+    }
+    if (!gcode.isEmpty()) {
+        counted.paceWrites(CharactersPerSecond * speed);
+        const QJsonObject report = transfer(driver, &counted, gcode == QLatin1String("send"), text,
+                                            CharactersPerSecond * speed);
+        printf("%s\n", QJsonDocument(report).toJson(QJsonDocument::Compact).constData());
+        return 0;
     }
     const CommunicatorCommand screen(CommunicatorCommand::DWordType, quint32(n),
                                      QStringLiteral("DW%1").arg(FirstRegister));

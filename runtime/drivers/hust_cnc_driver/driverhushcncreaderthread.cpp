@@ -63,6 +63,13 @@ constexpr int DrainPassesBeforeStop = 25;
 constexpr int MaxDrainPasses = 100;
 } // namespace Count
 
+// Received bytes count up to the first NUL.
+int bytesBeforeNul(const char *bytes, int size)
+{
+    const void *nul = std::memchr(bytes, 0, size_t(size));
+    return nul ? int(static_cast<const char *>(nul) - bytes) : size;
+}
+
 int waitingBytes(AbstractDeviceInterface *port)
 {
     QVariant value;
@@ -489,7 +496,7 @@ DriverHushCNCReaderWriter::Step DriverHushCNCReaderWriter::receive(ReadCycle &c)
     // Bytes count up to the first NUL only. A read that appends nothing counts as empty even
     // when it returned bytes: a line held in break reads as NUL bytes, and the cycle must stay
     // bounded on it.
-    const int appended = int(qstrnlen(m_rxChunk, uint(got)));
+    const int appended = bytesBeforeNul(m_rxChunk, got);
     if (appended == 0) {
         // The empty-read rule: the 32nd empty read since the cycle began or since the last
         // restart raises the time-out and restarts the exchange; the cycle ends instead once it
@@ -644,7 +651,7 @@ void DriverHushCNCReaderWriter::takeBacklog()
         if (got <= 0)
             break;
         waiting -= got;
-        const int appended = int(qstrnlen(m_rxChunk, uint(got)));
+        const int appended = bytesBeforeNul(m_rxChunk, got);
         const void *dc2 = memrchr(m_rxChunk, HustFrames::DC2, size_t(appended));
         const char *from = m_rxChunk;
         if (dc2) {
