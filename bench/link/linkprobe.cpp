@@ -263,7 +263,8 @@ int main(int argc, char **argv)
         if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size())
             return 1;
         file.close();
-        simArguments << QStringLiteral("--programs") << dir.filePath(QStringLiteral("programs"));
+        simArguments << QStringLiteral("--sim-programs")
+                     << dir.filePath(QStringLiteral("programs"));
     }
     if (fault == QLatin1String("cable-pull"))
         simArguments << QStringLiteral("--cable-pull")
