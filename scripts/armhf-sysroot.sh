@@ -4,8 +4,8 @@
 # downloaded by name and unpacked, never installed, so the build machine's own packages stay as
 # they are; apt reads the armhf package indexes into a state of its own in the cache, so the
 # machine's package configuration is not changed either. The downloads are kept in that cache
-# outside the clone (HUST_ARMHF_CACHE, by default ~/.cache/hust-armhf), one directory per
-# package list, so a later run needs no network.
+# outside the clone (HUST_ARMHF_CACHE, by default ~/.cache/hust-armhf, or /var/cache/hust-armhf
+# without a home), one directory per package list, so a later run needs no network.
 #
 # usage: scripts/armhf-sysroot.sh SYSROOT
 set -euo pipefail
@@ -22,7 +22,13 @@ roots=(qtbase5-dev libqt5sql5-sqlite libqt5test5)
 leaves=(libc6 libgcc-s1 libstdc++6 libc6-dev linux-libc-dev libcrypt-dev
   qt5-qmake-bin libegl-mesa0 libglx-mesa0 libgl1-mesa-dri)
 
-cache_root=${HUST_ARMHF_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/hust-armhf}
+if [ -n "${HUST_ARMHF_CACHE:-}" ]; then
+  cache_root=$HUST_ARMHF_CACHE
+elif [ -n "${XDG_CACHE_HOME:-}${HOME:-}" ]; then
+  cache_root=${XDG_CACHE_HOME:-$HOME/.cache}/hust-armhf
+else
+  cache_root=/var/cache/hust-armhf
+fi
 key=$(printf '%s\n' "$arch" "${roots[@]}" -- "${leaves[@]}" | sha256sum | cut -c1-16)
 cache=$cache_root/$key
 stamp=$sysroot/.hust-sysroot
