@@ -107,7 +107,7 @@ def answer_groups(events, is_request):
 
 
 # The targets whose seeds this script writes; their folders are emptied before it writes them.
-TARGETS = ["fuzz_simparser", "fuzz_gcode"]
+TARGETS = ["fuzz_simparser", "fuzz_gcode", "fuzz_commands"]
 
 
 def save(target, name, data):
@@ -125,6 +125,21 @@ def write_seeds(name, frames, events):
     save("fuzz_simparser", name, bytes([len(cuts)]) + cuts + b"".join(sent))
     save("fuzz_simparser", name + "-log",
          b"\x00" + b"".join(bytes.fromhex(f["raw"]) for f in frames))
+    # Command records: the reads and writes that put these frames on the line.
+    commands = []
+    for f in frames:
+        if f["kind"] == "read_request" and f["addresses"]:
+            first = f["addresses"][0]
+            commands += ["r 3 %d DW%d" % (len(f["addresses"]), first), "r 2 1 DW%d" % first]
+            commands += ["r 0 1 B%d.%d" % (a, a % 32) for a in f["addresses"][:3]]
+        elif f["kind"] == "write_dword":
+            commands.append("w 3 1 DW%d %s" % (f["addresses"][0],
+                                                f["values"][0].to_bytes(4, "little").hex()))
+        elif f["kind"] in ("bit_set", "bit_clear"):
+            commands.append("w 0 1 B%d.%d %s" % (f["addresses"][0], f["bit"],
+                                                 "01" if f["kind"] == "bit_set" else "00"))
+    if commands:
+        save("fuzz_commands", name, "\n".join(commands).encode())
     # G-code: one group of reads per program request; sends carry the program text.
     program_requests = answer_groups(events, lambda d: b"N10768\rD000003" in d
                                      and b"D000003>9" not in d)

@@ -41,8 +41,10 @@ for target in "${targets[@]}"; do
   if [ -d "$here/corpus/$target" ]; then
     seeds=("$here/corpus/$target")
   fi
+  # A target may name further libFuzzer options in a line "// libFuzzer options: ..." of its source.
+  read -r -a options <<<"$(sed -n 's|^// libFuzzer options: ||p' "$here/$target.cpp")"
   echo "== $target: $seconds s"
-  if "$build/$target" -max_total_time="$seconds" -timeout=10 -print_final_stats=1 \
+  if "$build/$target" -max_total_time="$seconds" -timeout=10 -print_final_stats=1 "${options[@]}" \
       -artifact_prefix="$build/artifacts/$target-" "$work" "${seeds[@]}" \
       >"$build/$target.log" 2>&1; then
     grep -E '^stat::number_of_executed_units' "$build/$target.log" || true
