@@ -97,6 +97,8 @@ private slots:
         QTest::newRow("option without value") << words("read DW1 -c") << 2 << ".*-c needs a value";
         QTest::newRow("unknown prefix")
             << words("read X100") << 2 << ".*unknown address kind \"X\"";
+        QTest::newRow("line feed in an address")
+            << (words("read") << "DW1\nX") << 2 << "DW1\\\\x0aX: not an address";
         QTest::newRow("count beyond range") << words("read DW99999 -c 2") << 2 << ".*run beyond";
         QTest::newRow("bit number beyond 31") << words("read B10.32") << 2 << ".*0 to 31";
         QTest::newRow("overflowing request")

@@ -300,6 +300,19 @@ QString helpText(const Tool &tool, const QString &commandName)
     return text;
 }
 
+QString oneLine(const QString &text)
+{
+    QString line;
+    line.reserve(text.size());
+    for (const QChar c : text) {
+        if (c.unicode() < 0x20 || c.unicode() == 0x7F)
+            line += QStringLiteral("\\x%1").arg(c.unicode(), 2, 16, QLatin1Char('0'));
+        else
+            line += c;
+    }
+    return line;
+}
+
 bool toInt(const QString &option, const QString &text, int low, int high, int *value,
            QString *reason)
 {

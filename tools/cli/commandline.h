@@ -76,6 +76,10 @@ QString helpText(const Tool &tool, const QString &command = QString());
 // The command of that name, or null.
 const Command *findCommand(const Tool &tool, const QString &name);
 
+// The text with its control characters written as \xNN, so that a message that names what was
+// typed (an argument holding a line feed) stays on one line.
+QString oneLine(const QString &text);
+
 // A whole decimal number from low to high. False with a reason naming the option.
 bool toInt(const QString &option, const QString &text, int low, int high, int *value,
            QString *reason);

@@ -15,7 +15,7 @@ namespace {
 
 int usageError(const QString &reason)
 {
-    fprintf(stderr, "hust-sim: %s\n", qPrintable(reason));
+    fprintf(stderr, "hust-sim: %s\n", qPrintable(cli::oneLine(reason)));
     return 2;
 }
 

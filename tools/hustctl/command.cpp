@@ -1,5 +1,6 @@
 #include "command.h"
 
+#include "commandline.h"
 #include "commands.h"
 #include "output.h"
 
@@ -34,7 +35,7 @@ int report(QTextStream &err, const QString &message, int status)
         *jsonErrors << jsonLine(QJsonObject {{QStringLiteral("error"), message}}) << '\n';
         jsonErrors->flush();
     } else {
-        err << "hustctl: " << message << '\n';
+        err << "hustctl: " << cli::oneLine(message) << '\n';
         err.flush();
     }
     return status;
