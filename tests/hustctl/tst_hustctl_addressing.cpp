@@ -25,6 +25,9 @@ private slots:
             << "" << 2 << "B10.31/0/1 B11.0/0/1; B10.31 B11.0; 10 11";
         QTest::newRow("output words") << "O16"
                                       << "word" << 2 << "O16/2/2; O16 O32; 10808 10809";
+        // The driver reads the word's double word and the next one.
+        QTest::newRow("word in the upper half") << "A16"
+                                                << "word" << 1 << "A16/2/1; A16; 10832 10833";
         QTest::newRow("C dwords one request each")
             << "C0"
             << "dword" << 2 << "C0/3/1 C32/3/1; C0 C32; 10816 10817";

@@ -209,6 +209,12 @@ QList<int> Target::doubleWords() const
         // Word reads of a register fetch one double word per word as well.
         first = m_number;
         last = m_number + m_count - 1;
+    } else if (m_type == ValueType::Word) {
+        // The driver counts a word read of a bit device in words from the start of its first
+        // double word, so one that starts in the upper half reads a double word beyond its last
+        // word when it spans an odd number of words.
+        first = deviceBase(m_prefix) + m_number / 32;
+        last = first + (m_count + (m_number % 32 >= 16 ? 2 : 0) + 1) / 2 - 1;
     } else {
         first = deviceBase(m_prefix) + m_number / 32;
         last = deviceBase(m_prefix) + (m_number + deviceStride(m_type) * m_count - 1) / 32;
