@@ -107,7 +107,7 @@ def answer_groups(events, is_request):
 
 
 # The targets whose seeds this script writes; their folders are emptied before it writes them.
-TARGETS = ["fuzz_simparser", "fuzz_gcode", "fuzz_commands"]
+TARGETS = ["fuzz_simparser", "fuzz_gcode", "fuzz_commands", "fuzz_hustctl"]
 
 
 def save(target, name, data):
@@ -118,7 +118,9 @@ def save(target, name, data):
         f.write(data)
 
 
-def write_seeds(name, frames, events):
+def write_seeds(name, args, frames, events):
+    # hustctl's arguments as they came in, separated by zero bytes as in argv.
+    save("fuzz_hustctl", name, b"\0".join(a.encode() for a in args))
     sent = [data for direction, data in events if direction == "tx"]
     # Parser: the panel's bytes with the first read sizes as the cut lengths, and the frame log.
     cuts = bytes(min(len(d), 256) - 1 for d in sent[:7])
@@ -167,9 +169,10 @@ def main():
                 f.write(text)
         places = {"@PROGRAM": os.path.join(programs, "O0001"), "@PROGRAMS": programs}
         for name, sim_args, ctl_args in SESSIONS:
-            frames, events = relay([places.get(a, a) for a in sim_args],
-                                   [places.get(a, a) for a in ctl_args], bin_dir, work)
-            write_seeds(name, frames, events)
+            args = [places.get(a, a) for a in ctl_args]
+            frames, events = relay([places.get(a, a) for a in sim_args], args, bin_dir, work)
+            seed_args = [a.replace("@PROGRAM", "part.nc") for a in ctl_args]
+            write_seeds(name, ["-p", "PORT", "--timeout", "3000"] + seed_args, frames, events)
             print("%s: %d frames, %d reads" % (name, len(frames), len(events)))
 
 
