@@ -6,6 +6,8 @@
 #include <QSignalSpy>
 #include <QtTest>
 
+#include <memory>
+
 using Type = CommunicatorCommand::DataType;
 
 class TestDriverRegisters : public QObject
@@ -289,24 +291,41 @@ private slots:
         QCOMPARE(loop.count(), 3);
     }
 
-    void testCaseStopsAfterItsReads()
+    // testCase ends after its reads, or on a cancel from another thread, also one that comes
+    // before the call (cancelAtMs 0), which then sends nothing.
+    void testCaseStops_data()
     {
+        QTest::addColumn<int>("maxReads");
+        QTest::addColumn<int>("cancelAtMs");
+        QTest::addColumn<int>("reads"); // -1: some, fewer than maxReads
+        QTest::newRow("after its reads") << 7 << -1 << 7;
+        QTest::newRow("cancelled first") << 1000000 << 0 << 0;
+        QTest::newRow("cancelled while it runs") << INT_MAX << 20 << -1;
+    }
+
+    void testCaseStops()
+    {
+        QFETCH(int, maxReads);
+        QFETCH(int, cancelAtMs);
+        QFETCH(int, reads);
         DriverHushCNC driver;
         ScriptedPort port;
-        driver.testCase(&port, 7);
-        QCOMPARE(port.readCalls(), 7);
-        QCOMPARE(port.writes().size(), 1);
-
-        // A cancel from another thread ends a run that would otherwise go on for long.
-        QThread *canceller = QThread::create([&driver] {
-            QThread::msleep(20);
+        if (cancelAtMs == 0)
             driver.cancelTestCase();
-        });
+        std::unique_ptr<QThread> canceller(QThread::create([&driver, cancelAtMs] {
+            if (cancelAtMs > 0) {
+                QThread::msleep(quint32(cancelAtMs));
+                driver.cancelTestCase();
+            }
+        }));
         canceller->start();
-        driver.testCase(&port, INT_MAX);
+        driver.testCase(&port, maxReads);
         canceller->wait();
-        delete canceller;
-        QVERIFY(port.readCalls() > 7);
+        if (reads >= 0)
+            QCOMPARE(port.readCalls(), reads);
+        else
+            QVERIFY(port.readCalls() > 0);
+        QCOMPARE(port.writes().size(), reads == 0 ? 0 : 1);
     }
 };
 

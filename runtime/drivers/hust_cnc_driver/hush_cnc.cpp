@@ -1006,20 +1006,24 @@ void DriverHushCNC::testCase(AbstractDeviceInterface *interface, int maxReads)
 {
     if (!interface)
         return;
-    m_testCaseCancelled = false;
-    QStringList names;
-    for (int i = 10; i <= 24; ++i)
-        names.append(QStringLiteral("d000%1").arg(i));
-    sendTxBufForReadForTest(packReadBytesCmdForTest(names), interface);
+    // A cancel ends the call under way, or the next one when it comes first; the call that ends
+    // on it takes it back.
+    if (!m_testCaseCancelled.exchange(false)) {
+        QStringList names;
+        for (int i = 10; i <= 24; ++i)
+            names.append(QStringLiteral("d000%1").arg(i));
+        sendTxBufForReadForTest(packReadBytesCmdForTest(names), interface);
 
-    QElapsedTimer timer;
-    timer.start();
-    char buffer[256];
-    for (int reads = 0; reads < maxReads && !m_testCaseCancelled; ++reads) {
-        std::fill(std::begin(buffer), std::end(buffer), '\0');
-        interface->readData(buffer, 255);
-        qCDebug(lcHustDriver) << timer.restart();
+        QElapsedTimer timer;
+        timer.start();
+        char buffer[256];
+        for (int reads = 0; reads < maxReads && !m_testCaseCancelled; ++reads) {
+            std::fill(std::begin(buffer), std::end(buffer), '\0');
+            interface->readData(buffer, 255);
+            qCDebug(lcHustDriver) << timer.restart();
+        }
     }
+    m_testCaseCancelled = false;
 }
 
 void DriverHushCNC::cancelTestCase()

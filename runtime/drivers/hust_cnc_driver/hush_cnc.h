@@ -65,7 +65,8 @@ public:
     // Diagnostic entry points: they talk to a port directly, outside the worker.
     // testCase sends a read request for d00010 to d00024 and logs, for each later port read, the
     // milliseconds since the previous one. It stops after maxReads reads, or earlier once
-    // cancelTestCase() has been called (from any thread); each call starts uncancelled.
+    // cancelTestCase() has been called (from any thread); a cancel that comes before the call
+    // ends it at once.
     void testCase(AbstractDeviceInterface *interface, int maxReads = DefaultTestCaseReads);
     void cancelTestCase();
     void sendTxBufForReadForTest(const QByteArray &tx_buf, AbstractDeviceInterface *interface);
