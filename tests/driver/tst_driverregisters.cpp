@@ -166,6 +166,9 @@ private slots:
             << io << dwords({0x20, 0x20}) << bit << "I37" << QByteArray(1, 1) << 0 << "";
         QTest::newRow("bit not yet in the list")
             << io << dwords({0x20, 0x20}) << bit << "B7.1" << QByteArray() << 1 << "";
+        QTest::newRow("negative bit position reads 0")
+            << QStringList {"d10800"} << dwords({0xffffffffu}) << bit << "B10800.-1"
+            << QByteArray(1, 0) << 0 << "";
         // Beyond the double word that a one-item read returns: an address error, not a stray read.
         QTest::newRow("B10800.32")
             << QStringList {"d10800"} << dwords({0xffffffffu}) << bit << "B10800.32" << QByteArray()

@@ -840,7 +840,8 @@ QByteArray DriverHushCNC::extractZeroDataFromDWordByteArray(CommunicatorCommand:
 }
 
 // A register bit such as B10.40 lies beyond the double word that a one-item read returns; it is
-// refused as an address error with an empty result rather than read from outside the data.
+// refused as an address error with an empty result rather than read from outside the data. A
+// negative bit position (B10.-1) names no bit and reads as 0.
 QByteArray DriverHushCNC::readBit(const CommunicatorCommand &cmd)
 {
     if (cmd.address == QLatin1String(WRITE_BIT_DIRECT_DISABLE_KEY))
@@ -857,7 +858,7 @@ QByteArray DriverHushCNC::readBit(const CommunicatorCommand &cmd)
     }
     if (data.isEmpty())
         return QByteArray();
-    if (bit < 0 || bit >= 8 * data.size()) {
+    if (bit >= 8 * data.size()) {
         setAddressError(cmd.address);
         return QByteArray();
     }
