@@ -1,6 +1,7 @@
 // The driver with its worker, over the host serial port and the controller simulator on a
 // pseudo-terminal: write dispatch, the session gate across threads and teardown.
 #include "drivertestaccess.h"
+#include "scriptedport.h"
 #include "serialport.h"
 #include "simulator.h"
 
@@ -164,6 +165,27 @@ private slots:
         QCOMPARE(bitSpy.count(), 3);
         QCOMPARE(bitSpy.at(1).at(1).toBool(), false);
         QCOMPARE(bitSpy.at(2), (QList<QVariant> {QStringLiteral("B10.3"), true}));
+    }
+
+    // The G-code object talks through the port of the request that creates it, not through the
+    // port the worker took at its start.
+    void gcodeTakesThePortOfItsFirstRequest()
+    {
+        DriverHushCNC driver;
+        ScriptedPort other;
+        const CommunicatorCommand key
+            = CommunicatorCommand(CommunicatorCommand::BitType, 1, "WriteBitDirectDisable0");
+        QVERIFY(driver.write(port(), key, QByteArray(1, 0))); // the worker takes the host port
+        const CommunicatorCommand status(CommunicatorCommand::DWordType, 1, "PROTOCOL_STATUS0");
+        QVERIFY(driver.write(
+            &other, CommunicatorCommand(CommunicatorCommand::BitType, 1, "ReadCurrentCode0"),
+            QByteArray(1, 1)));
+        const auto readFinished = [&] {
+            const QByteArray word = driver.read(&other, status);
+            return !word.isEmpty() && (word.at(0) & 0x1);
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(readFinished(), 10000);
+        QVERIFY(other.written().contains("\rO9012\rN10768\rD000003>:\r"));
     }
 
     // Between clearSessionCommand() and setSessionCommand() reads of other threads wait at the

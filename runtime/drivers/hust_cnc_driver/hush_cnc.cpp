@@ -539,12 +539,18 @@ void DriverHushCNC::setSessionCommand(QList<CommunicatorCommand> commands)
 
 // ---- G-code keys ---------------------------------------------------------------------------
 
+// The G-code object talks through the port of the call that creates it. When that is the
+// worker's port it goes through the same serialising wrapper, so that its exchanges never
+// interleave with the stop frames and drains sent from the run-time's thread. Made under the
+// lock of the worker's start, as the run-time may call from more than one thread.
 void DriverHushCNC::initGCodeController(AbstractDeviceInterface *interface)
 {
+    QMutexLocker lock(&m_workerStartMutex);
     if (m_gcodeController)
         return;
     m_gcodeController = new HustGCodeprotocol();
-    m_gcodeController->setReadInterface(m_linkPort ? m_linkPort : interface);
+    m_gcodeController->setReadInterface(
+        m_linkPort && m_linkPort->wrappedPort() == interface ? m_linkPort : interface);
     if (m_workerThread)
         m_gcodeController->moveToThread(m_workerThread);
     connect(m_gcodeController, SIGNAL(stopLoopReadSignal()), this, SLOT(stopLoopReadForGCode()));
