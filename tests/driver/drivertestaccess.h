@@ -23,6 +23,10 @@ public:
     {
         return d.extractDataFromDWordByteArray(type, address, block, length);
     }
+    QByteArray extractDataFromRespBuf(const QString &data, int length)
+    {
+        return d.extractDataFromRespBuf(data, length);
+    }
     QByteArray extractZero(CommunicatorCommand::DataType type, int length)
     {
         return d.extractZeroDataFromDWordByteArray(type, length);

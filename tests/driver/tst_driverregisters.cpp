@@ -294,6 +294,35 @@ private slots:
         QCOMPARE(loop.count(), 3);
     }
 
+    // The diagnostic decoding gives four bytes for each record asked for, reading the eight
+    // characters after each record's letter as hexadecimal (fewer at the end of the text), and
+    // the diagnostic request carries a count of any size.
+    void diagnosticEntries_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<int>("length");
+        QTest::addColumn<QByteArray>("expected");
+        QTest::newRow("value characters") << "d0000:0?1\r" << 1 << dwords({0xA0F1});
+        QTest::newRow("short text at the end") << "d1A" << 1 << dwords({0x1A});
+        QTest::newRow("120 records, two in the text")
+            << "d00000001\rd00000002\r" << 120 << dwords({1, 2}) + QByteArray(4 * 118, '\0');
+    }
+
+    void diagnosticEntries()
+    {
+        QFETCH(QString, text);
+        QFETCH(int, length);
+        QFETCH(QByteArray, expected);
+        DriverHushCNC driver;
+        QCOMPARE(DriverHushCNCTestAccess(driver).extractDataFromRespBuf(text, length), expected);
+        QStringList names;
+        for (int i = 0; i < length; ++i)
+            names << QString::asprintf("d%05d", i);
+        const QByteArray request = driver.packReadBytesCmdForTest(names);
+        QCOMPARE(request.size(), 18 + 7 * length + (length > 99 ? 1 : 0));
+        QVERIFY(request.contains("\rv" + QByteArray::number(length).rightJustified(2, '0') + "\r"));
+    }
+
     // testCase ends after its reads, or on a cancel from another thread, also one that comes
     // before the call (cancelAtMs 0), which then sends nothing.
     void testCaseStops_data()

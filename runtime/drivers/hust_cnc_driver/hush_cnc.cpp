@@ -962,9 +962,11 @@ bool DriverHushCNC::writeBitPath(const CommunicatorCommand &cmd, const QByteArra
 
 // ---- Diagnostic entry points ---------------------------------------------------------------
 
+// Unlike the worker's requests, this one is built for lists of any length: its count is written
+// with as many digits as it needs.
 QByteArray DriverHushCNC::packReadBytesCmdForTest(QStringList addrList)
 {
-    return HustFrames::readRequest(addrList);
+    return HustFrames::readRequestOfAnyLength(addrList);
 }
 
 void DriverHushCNC::sendTxBufForReadForTest(const QByteArray &tx_buf,
@@ -988,23 +990,21 @@ void DriverHushCNC::sendStopSendCommand(AbstractDeviceInterface *interface)
     interface->setOption(AbstractDeviceInterface::DiscardReceivedOption, 0);
 }
 
-// Records are a letter, eight value characters and CR; records missing from the text decode
-// as 0. A response carries at most 99 records, so larger counts give an empty result.
+// Records are a letter, eight value characters and CR: each value is read from the eight
+// characters after a record's letter as a hexadecimal number, shorter texts at the end of data
+// included; records missing from the text decode as 0. A length no text could hold is refused.
 QByteArray DriverHushCNC::extractDataFromRespBuf(const QString &data, const int &data_length)
 {
-    if (data_length < 1 || data_length > MaxLoopNames)
+    if (data_length < 1 || data_length > MaxDiagnosticRecords)
         return QByteArray();
-    QByteArray block;
-    block.reserve(4 * data_length);
-    for (int i = 0; i < data_length; ++i) {
-        QString value = data.mid(1 + 10 * i, 8);
-        for (QChar &c : value) {
-            if (c >= QLatin1Char(':') && c <= QLatin1Char('?'))
-                c = QLatin1Char(char('A' + (c.unicode() - ':')));
-        }
-        const quint32 dword = HustFrames::valueOf(value);
+    const QByteArray text = data.toLatin1();
+    QByteArray block(4 * data_length, '\0');
+    for (int i = 0; i < data_length && 1 + 10 * i < text.size(); ++i) {
+        const int at = 1 + 10 * i;
+        const quint32 dword
+            = HustFrames::hexValue(text.constData() + at, qMin(8, int(text.size()) - at));
         for (int byte = 0; byte < 4; ++byte)
-            block.append(char((dword >> (8 * byte)) & 0xFF));
+            block[4 * i + byte] = char((dword >> (8 * byte)) & 0xFF);
     }
     return block;
 }

@@ -119,6 +119,8 @@ private:
     // has two digits.
     static constexpr int MaxLoopNames = 99;
     static constexpr int DefaultTestCaseReads = 1000;
+    // extractDataFromRespBuf() refuses lengths beyond this (4 MB of double words).
+    static constexpr int MaxDiagnosticRecords = 1 << 20;
 
     void raiseError(const QString &message);
     quint64 deliveredBlocks() const;

@@ -121,6 +121,11 @@ QByteArray readRequest(const QStringList &addrList)
                               << "addresses do not fit the count field";
         return QByteArray();
     }
+    return readRequestOfAnyLength(addrList);
+}
+
+QByteArray readRequestOfAnyLength(const QStringList &addrList)
+{
     QByteArray frame = frameHead("O9000");
     frame.append("N0").append(CR);
     frame.append('v').append(digits(int(addrList.size()), 2)).append(CR);
@@ -218,9 +223,16 @@ quint32 valueOf(const char *text, int size)
     const quint64 word = load8(text);
     if (allValueDigits(word))
         return packDigits(word);
+    return hexValue(text, size);
+}
+
+quint32 hexValue(const char *text, int size)
+{
+    if (size < 1 || size > 8)
+        return 0;
     quint32 value = 0;
     int invalid = 0;
-    for (int i = 0; i < 8; ++i) {
+    for (int i = 0; i < size; ++i) {
         const int digit = Chars.digit[quint8(text[i])];
         invalid |= digit;
         value = value << 4 | quint32(digit & 0xF);

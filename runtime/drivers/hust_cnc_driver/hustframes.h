@@ -29,6 +29,9 @@ constexpr int MaxTxPieceSize = 230;
 // The read request for a list of double-word names; empty when the list has more than
 // MaxAddressCount entries.
 QByteArray readRequest(const QStringList &addrList);
+// The same frame for a list of any length, its count written with at least two digits; only
+// the diagnostic entry points send such frames.
+QByteArray readRequestOfAnyLength(const QStringList &addrList);
 // Ends the controller's stream of responses.
 QByteArray stopFrame();
 // Writes one double word; empty when addr is outside 0 to MaxDWordNumber.
@@ -63,6 +66,9 @@ QString responsePattern(int n, bool lenient);
 // The double word that a value text of eight value characters stands for; 0 when the text is
 // not eight value characters (',' is admitted by the grammar but is no digit).
 quint32 valueOf(const char *text, int size);
+// The number that 1 to 8 hexadecimal digits stand for, written as value characters or as the
+// letters A to F in either case; 0 for anything else.
+quint32 hexValue(const char *text, int size);
 quint32 valueOf(const QString &valueText);
 
 // Finds responses for n addresses in received bytes, as the regular expression of
