@@ -139,32 +139,45 @@ private slots:
         QCOMPARE(QList<QVariantList>(dwordSpy), emitted);
     }
 
+    // A bit write sets its bit in the cache at once and a write of 0 clears it again; bit b of
+    // the double word at position i of the list is bit b + 32 i of the cache, also beyond bit 31.
+    // With direct bit writing disabled the bit is still sent but the cache stays as it is.
+    void bitWritePatchesTheCache_data()
+    {
+        QTest::addColumn<bool>("disabled");
+        QTest::addColumn<QString>("address");
+        QTest::addColumn<int>("byte"); // of the cache that the bit lies in, -1: none
+        QTest::addColumn<char>("mask");
+        QTest::newRow("B10.3") << false << "B10.3" << 8 << char(0x08); // bit 2 * 32 + 3
+        QTest::newRow("B9.40 reaches the next double word") << false << "B9.40" << 9 << char(0x01);
+        QTest::newRow("direct writing disabled") << true << "B10.3" << -1 << char(0);
+    }
+
     void bitWritePatchesTheCache()
     {
+        QFETCH(bool, disabled);
+        QFETCH(QString, address);
+        QFETCH(int, byte);
+        QFETCH(char, mask);
         DriverHushCNC driver;
         DriverHushCNCTestAccess access(driver);
         QSignalSpy bitSpy(&driver, SIGNAL(writeBit(QString, bool)));
-        access.setStreaming({"d00008", "d00009", "d00010"}, QByteArray(12, '\0'));
-
-        const CommunicatorCommand b10_3
-            = CommunicatorCommand(CommunicatorCommand::BitType, 1, "B10.3");
-        QVERIFY(driver.write(port(), b10_3, QByteArray(1, 1)));
-        QByteArray expected(12, '\0');
-        expected[8] = 0x08; // bit 2 * 32 + 3
-        QCOMPARE(access.cache(), expected);
-        QVERIFY(driver.write(port(), b10_3, QByteArray(1, 0)));
-        QCOMPARE(access.cache(), QByteArray(12, '\0'));
-
-        // With direct bit writing disabled the bit is still sent but the cache stays as it is.
         const CommunicatorCommand key
             = CommunicatorCommand(CommunicatorCommand::BitType, 1, "WriteBitDirectDisable0");
-        QVERIFY(driver.write(port(), key, QByteArray(1, 1)));
-        QCOMPARE(driver.read(port(), key), QByteArray(1, 1));
-        QVERIFY(driver.write(port(), b10_3, QByteArray(1, 1)));
+        QVERIFY(driver.write(port(), key, QByteArray(1, disabled)));
+        QCOMPARE(driver.read(port(), key), QByteArray(1, disabled));
+        access.setStreaming({"d00008", "d00009", "d00010"}, QByteArray(12, '\0'));
+
+        const CommunicatorCommand bit(CommunicatorCommand::BitType, 1, address);
+        QVERIFY(driver.write(port(), bit, QByteArray(1, 1)));
+        QByteArray expected(12, '\0');
+        if (byte >= 0)
+            expected[byte] = mask;
+        QCOMPARE(access.cache(), expected);
+        QVERIFY(driver.write(port(), bit, QByteArray(1, 0)));
         QCOMPARE(access.cache(), QByteArray(12, '\0'));
-        QCOMPARE(bitSpy.count(), 3);
-        QCOMPARE(bitSpy.at(1).at(1).toBool(), false);
-        QCOMPARE(bitSpy.at(2), (QList<QVariant> {QStringLiteral("B10.3"), true}));
+        QCOMPARE(QList<QList<QVariant>>(bitSpy),
+                 (QList<QList<QVariant>> {{address, true}, {address, false}}));
     }
 
     // The G-code object talks through the port of the request that creates it, not through the

@@ -915,7 +915,8 @@ bool DriverHushCNC::writeBlockPath(AbstractDeviceInterface *interface,
 }
 
 // The written bit is also set in the cache at once, so that reads show it before the next block
-// arrives; a bit position outside its double word (32 and up) is sent but not patched.
+// arrives. Bit b of the double word at position i of the list is bit b + 32 i of the cache, also
+// for b of 32 and up, which reach into the double words that follow.
 bool DriverHushCNC::writeBitPath(const CommunicatorCommand &cmd, const QByteArray &data)
 {
     const bool value = getBitData(data);
@@ -941,10 +942,10 @@ bool DriverHushCNC::writeBitPath(const CommunicatorCommand &cmd, const QByteArra
         dwordCmd.address = baseAddress(cmd.address);
         dwordCmd.dataType = CommunicatorCommand::DWordType;
         const QStringList names = addr2DWAddrList(dwordCmd);
-        if (names.isEmpty() || bit < 0 || bit >= 32)
+        if (names.isEmpty() || bit < 0)
             return true;
         const int index = list.indexOf(names.first());
-        if (index < 0)
+        if (index < 0 || bit > INT_MAX - 32 * index)
             return true;
         QMutexLocker lock(&m_blockDataMutex);
         const int position = bit + 32 * index;
