@@ -541,6 +541,31 @@ private slots:
         QCOMPARE(f.port.discardCalls(), 101);
     }
 
+    // A bit written between loop cycles stays set in the cache through the blocks of frames that
+    // may have left the controller before the write reached it (the first frame to start after
+    // it), and goes with the first block that shows the write; from then on blocks count as
+    // they come, a bit cleared by the controller included.
+    void bitWriteHeldUntilShown()
+    {
+        Fixture f;
+        DriverHushCNC driver;
+        f.worker.setDriverInterface(&driver);
+        f.access.lastHCode() = "H00000001\r";
+        f.worker.m_isStopLoopRead = false;
+        DriverHushCNCTestAccess::stream(driver, names(2), block({0, 0}));
+        QVERIFY(DriverHushCNCTestAccess::writeBit(driver, "B1.3", true));
+        f.worker.writeBit("B1.3", true);
+        f.port.queueRead(responseFrame("00000002", QList<quint32> {0, 0}));
+        f.port.queueRead(responseFrame("00000003", QList<quint32> {0, 8}));
+        f.port.queueRead(responseFrame("00000004", QList<quint32> {0, 0}));
+        QByteArrayList caches;
+        for (int cycle = 0; cycle < 3; ++cycle) {
+            f.worker.loopRead();
+            caches << DriverHushCNCTestAccess::blockData(driver);
+        }
+        QCOMPARE(caches, (QByteArrayList {block({0, 8}), block({0, 8}), block({0, 0})}));
+    }
+
     // Double-word writes of 1001, all ones and a value of one byte (the data ends there), or a
     // bit write: one frame per value, each right after a discard of the input; a short port
     // write or a refusal raises the matching error signal.

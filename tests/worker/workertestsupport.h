@@ -49,6 +49,17 @@ public:
         QMutexLocker lock(&driver.m_blockDataMutex);
         driver.m_currentBlockData.clear();
     }
+    // The state of a driver whose worker streams list into a cache holding block.
+    static void stream(DriverHushCNC &driver, const QStringList &list, const QByteArray &block)
+    {
+        driver.storeAddrList(list);
+        driver.updateDWordByteArray(block);
+    }
+    static bool writeBit(DriverHushCNC &driver, const QString &address, bool value)
+    {
+        return driver.writeBitPath(CommunicatorCommand(CommunicatorCommand::BitType, 1, address),
+                                   QByteArray(1, value));
+    }
 };
 
 namespace WorkerTest {

@@ -61,7 +61,20 @@ constexpr int DrainPassesBeforeStop = 25;
 // A drain gives up after this many passes (about two seconds) on a line that never goes quiet,
 // so that a babbling controller cannot hold the calling thread.
 constexpr int MaxDrainPasses = 100;
+// Bit writes waiting to be seen in a block that are kept track of; an older one is let go.
+constexpr int MaxBitWritesWaiting = 256;
 } // namespace Count
+
+// DC2 bytes, each the start of a frame.
+int frameStartsIn(const char *bytes, int size)
+{
+    int count = 0;
+    for (const char *end = bytes + size;; ++bytes, ++count) {
+        bytes = static_cast<const char *>(std::memchr(bytes, HustFrames::DC2, size_t(end - bytes)));
+        if (!bytes)
+            return count;
+    }
+}
 
 // Received bytes count up to the first NUL.
 int bytesBeforeNul(const char *bytes, int size)
@@ -228,6 +241,9 @@ void DriverHushCNCReaderWriter::writeDWord(QString address, int dwordLength, QBy
 
 void DriverHushCNCReaderWriter::writeBit(QString address, bool val)
 {
+    // Counted before anything can refuse it, in step with the driver's count of the bit writes
+    // it hands over (see noteBitWrite()).
+    noteBitWrite();
     if (ExtractPrefixSymbol(address) != "B")
         return;
     const int bit = getBitLoc(address);
@@ -515,6 +531,7 @@ DriverHushCNCReaderWriter::Step DriverHushCNCReaderWriter::receive(ReadCycle &c)
         }
     }
     c.rxBuf.append(m_rxChunk, appended);
+    countFrameStarts(m_rxChunk, appended);
     if (collecting) {
         c.tmpSize -= got;
         return Step::Again;
@@ -606,6 +623,7 @@ void DriverHushCNCReaderWriter::finish(ReadCycle &c, QByteArray *response)
     }
     block.truncate(size);
     if (!c.isResponse) {
+        noteBlockRead(c);
         const int next = c.rxBuf.indexOf(HustFrames::DC2, matcher.endInReceived());
         if (next >= 0) {
             c.rxBuf.remove(0, next);
@@ -652,6 +670,7 @@ void DriverHushCNCReaderWriter::takeBacklog()
             break;
         waiting -= got;
         const int appended = bytesBeforeNul(m_rxChunk, got);
+        countFrameStarts(m_rxChunk, appended);
         const void *dc2 = memrchr(m_rxChunk, HustFrames::DC2, size_t(appended));
         const char *from = m_rxChunk;
         if (dc2) {
@@ -699,7 +718,42 @@ void DriverHushCNCReaderWriter::deliver(const QByteArray &block, bool isFullData
         qCDebug(lcHustDriver) << "loop read: no driver to take the block";
         return;
     }
-    m_driver->updateDWordByteArray(block);
+    m_driver->takeBlock(block, m_bitWritesSeen);
+}
+
+// The frame that starts first after a bit write may have left the controller before the write
+// reached it; the one after it cannot, for a response takes longer on the line than a bit write
+// frame. So a write counts as seen by a block once the block's earliest frame is at least the
+// second to start after the write was sent. Frame starts are counted by the DC2 bytes read.
+void DriverHushCNCReaderWriter::noteBitWrite()
+{
+    // A write that never gets a block (the loop stopped meanwhile) is let go once too many
+    // follow it, so that the list stays short.
+    if (m_bitWritesWaiting.size() >= Count::MaxBitWritesWaiting) {
+        m_bitWritesSeen = m_bitWritesWaiting.first().serial;
+        m_bitWritesWaiting.removeFirst();
+    }
+    m_bitWritesWaiting.append({++m_bitWritesSent, m_frameStarts});
+}
+
+void DriverHushCNCReaderWriter::countFrameStarts(const char *bytes, int size)
+{
+    m_frameStarts += quint64(frameStartsIn(bytes, size));
+}
+
+void DriverHushCNCReaderWriter::noteBlockRead(const ReadCycle &c)
+{
+    const HustFrames::ResponseMatcher &matcher = *c.matcher;
+    // The frame starts read before the cycle's buffer, plus those in it up to the match's
+    // earliest byte, number the frame that byte belongs to.
+    const quint64 before
+        = m_frameStarts - quint64(frameStartsIn(c.rxBuf.constData(), c.rxBuf.size()));
+    const quint64 frame
+        = before + quint64(frameStartsIn(c.rxBuf.constData(), matcher.beginInReceived()));
+    while (!m_bitWritesWaiting.isEmpty() && frame >= m_bitWritesWaiting.first().frameStarts + 2) {
+        m_bitWritesSeen = m_bitWritesWaiting.first().serial;
+        m_bitWritesWaiting.removeFirst();
+    }
 }
 
 void DriverHushCNCReaderWriter::giveUp(bool isResponse)

@@ -141,6 +141,10 @@ private:
     // such a block.
     int putValue(char *out, int i, const char *text, int size, int dataLength,
                  bool &isFullData) const;
+    // Bit writes and the frames that show them (see the definitions).
+    void noteBitWrite();
+    void countFrameStarts(const char *bytes, int size);
+    void noteBlockRead(const ReadCycle &c);
     // Hands a decoded block to the immediate caller or, in loop mode, to the driver's cache.
     void deliver(const QByteArray &block, bool isFullData, bool isResponse, QByteArray *response);
 
@@ -163,6 +167,18 @@ private:
     QByteArray m_carried;
     std::unique_ptr<HustFrames::ResponseMatcher> m_strictMatcher;
     std::unique_ptr<HustFrames::ResponseMatcher> m_lenientMatcher;
+    // Frame starts (DC2 bytes) read so far, bit writes sent, the newest of them a delivered block
+    // is known to show, and those not yet seen with the frame starts read when each was sent.
+    // Worker's thread only.
+    quint64 m_frameStarts = 0;
+    quint64 m_bitWritesSent = 0;
+    quint64 m_bitWritesSeen = 0;
+    struct BitWrite
+    {
+        quint64 serial;
+        quint64 frameStarts;
+    };
+    QVector<BitWrite> m_bitWritesWaiting;
 
 public:
     // Shared with the driver's thread: the driver sets the stop flag through stopLoopRead() and

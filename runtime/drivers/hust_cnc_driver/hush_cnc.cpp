@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <limits>
 
 namespace {
 
@@ -191,6 +192,7 @@ DriverHushCNC::DriverHushCNC()
     , m_freshMode(0)
     , m_testCaseCancelled(false)
     , m_deliveredBlocks(0)
+    , m_bitWritesHandedOver(0)
 {
     const QCoreApplication *app = QCoreApplication::instance();
     if (!app || !app->property(RUNTIME_ENV_PROPERTY).isValid())
@@ -602,11 +604,23 @@ QStringList DriverHushCNC::addr2DWAddrList(const CommunicatorCommand &cmd)
 
 // ---- The double-word cache -----------------------------------------------------------------
 
+// Takes a block as the whole cache, without regard to bits written meanwhile.
+void DriverHushCNC::updateDWordByteArray(QByteArray DWordByteArray)
+{
+    takeBlock(DWordByteArray, std::numeric_limits<quint64>::max());
+}
+
 // Called by the worker from its thread with each block it has read. A block is kept only while
 // loop reading runs for the present list: a cycle that was under way when a screen change
 // stopped the loop, or one that still reads an earlier list, would otherwise put values of other
 // addresses into a cache of the same size.
-void DriverHushCNC::updateDWordByteArray(QByteArray DWordByteArray)
+//
+// A bit write sets its bit in the cache at once. A block read before the controller took the
+// write would set it back for a refresh, so the written bit is kept in every block taken until
+// one that shows the write arrives: bitWritesSeen counts the bit writes handed to the worker
+// that the block is known to follow. This departs from the plain replacement of the cache by each
+// block; a controller that refuses a write still has its value shown from that block on.
+void DriverHushCNC::takeBlock(const QByteArray &block, quint64 bitWritesSeen)
 {
     QMutexLocker lock(&m_blockDataMutex);
     if (m_readerWriter
@@ -614,8 +628,19 @@ void DriverHushCNC::updateDWordByteArray(QByteArray DWordByteArray)
         qCDebug(lcHustDriver) << "block of an earlier address list dropped";
         return;
     }
+    const int generation = m_addrListGeneration;
+    m_heldBits.erase(std::remove_if(m_heldBits.begin(), m_heldBits.end(),
+                                    [&](const HeldBit &held) {
+                                        return held.serial <= bitWritesSeen
+                                            || held.generation != generation;
+                                    }),
+                     m_heldBits.end());
+    m_currentBlockData = block;
+    for (const HeldBit &held : qAsConst(m_heldBits)) {
+        if (held.position / 8 < m_currentBlockData.size())
+            setBit(m_currentBlockData, held.position, held.value);
+    }
     m_isBlockDataUpdated = true;
-    m_currentBlockData = DWordByteArray;
     ++m_deliveredBlocks;
 }
 
@@ -915,14 +940,16 @@ bool DriverHushCNC::writeBlockPath(AbstractDeviceInterface *interface,
 }
 
 // The written bit is also set in the cache at once, so that reads show it before the next block
-// arrives. Bit b of the double word at position i of the list is bit b + 32 i of the cache, also
-// for b of 32 and up, which reach into the double words that follow.
+// arrives, and held there until a block shows the write (see takeBlock()). Bit b of the double
+// word at position i of the list is bit b + 32 i of the cache, also for b of 32 and up, which
+// reach into the double words that follow.
 bool DriverHushCNC::writeBitPath(const CommunicatorCommand &cmd, const QByteArray &data)
 {
     const bool value = getBitData(data);
     const QString prefix = prefixOf(cmd.address);
     if (prefix == QLatin1String("B")) {
         emit writeBit(cmd.address, value);
+        const quint64 serial = ++m_bitWritesHandedOver;
         if (m_isWriteBitDirectDisable)
             return true;
         int cacheSize = 0;
@@ -931,9 +958,11 @@ bool DriverHushCNC::writeBitPath(const CommunicatorCommand &cmd, const QByteArra
             cacheSize = m_currentBlockData.size();
         }
         QStringList list;
+        int generation;
         {
             QMutexLocker lock(&m_addrListMutex);
             list = m_currentAddrList;
+            generation = m_addrListGeneration;
         }
         if (cacheSize <= 0 || list.isEmpty())
             return true;
@@ -947,10 +976,14 @@ bool DriverHushCNC::writeBitPath(const CommunicatorCommand &cmd, const QByteArra
         const int index = list.indexOf(names.first());
         if (index < 0 || bit > INT_MAX - 32 * index)
             return true;
-        QMutexLocker lock(&m_blockDataMutex);
         const int position = bit + 32 * index;
-        if (position / 8 < m_currentBlockData.size())
+        QMutexLocker lock(&m_blockDataMutex);
+        if (position / 8 < m_currentBlockData.size()) {
             setBit(m_currentBlockData, position, value);
+            if (m_heldBits.size() >= MaxHeldBits)
+                m_heldBits.removeFirst();
+            m_heldBits.append({serial, generation, position, value});
+        }
         return true;
     }
     if (prefix == QLatin1String("WriteBitDirectDisable")) {

@@ -11,6 +11,7 @@
 #include <QObject>
 #include <QRegExp>
 #include <QStringList>
+#include <QVector>
 
 #include <atomic>
 
@@ -114,6 +115,8 @@ private slots:
 private:
     // Unit tests inspect the cache and the loop-read list through this class, defined only there.
     friend class DriverHushCNCTestAccess;
+    // The worker hands its blocks to takeBlock().
+    friend class DriverHushCNCReaderWriter;
 
     // Reads of one screen may name at most this many double words: the count of a read request
     // has two digits.
@@ -174,6 +177,9 @@ private:
     static QByteArray cutData(CommunicatorCommand::DataType dataType, int bit,
                               const QByteArray &block, int from, int size, int length);
     bool writeBitPath(const CommunicatorCommand &cmd, const QByteArray &data);
+    // The cache's update by the worker: block, with the bits written and not yet shown by a block
+    // kept set (bitWritesSeen: the bit writes handed over that the block is known to follow).
+    void takeBlock(const QByteArray &block, quint64 bitWritesSeen);
     bool writeBlockPath(AbstractDeviceInterface *interface, const CommunicatorCommand &cmd,
                         const QByteArray &data);
 
@@ -222,6 +228,19 @@ private:
     QHash<TranslationKey, Translation> m_translations;
     std::atomic<bool> m_testCaseCancelled;
     std::atomic<quint64> m_deliveredBlocks;
+    // Bit writes handed to the worker, counted the same way by the worker.
+    std::atomic<quint64> m_bitWritesHandedOver;
+    // Bits written into the cache that blocks are to keep until one shows the write; guarded by
+    // m_blockDataMutex. position is the bit's number in the cache of list generation generation.
+    struct HeldBit
+    {
+        quint64 serial;
+        int generation;
+        int position;
+        bool value;
+    };
+    static constexpr int MaxHeldBits = 256;
+    QVector<HeldBit> m_heldBits;
 };
 
 #endif // HUSH_CNC_H

@@ -340,7 +340,7 @@ int ResponseMatcher::lastIndexIn(const char *data, int size, int from)
 // A refused match leaves the cycle's next attempt to search backward for a whole frame.
 int ResponseMatcher::searchForward(const QByteArray &received, int responseSize)
 {
-    m_endInReceived = -1;
+    m_beginInReceived = m_endInReceived = -1;
     const int start = qMax(0, int(received.size()) - qMax(responseSize, 0));
     const int size = received.size() - start;
     const char *window = received.constData() + start;
@@ -362,6 +362,7 @@ int ResponseMatcher::searchForward(const QByteArray &received, int responseSize)
     if (!endsFrame || joinInsideRecord)
         return -1;
     // In arrival order the turned window's head (the newest frame) comes after its tail.
+    m_beginInReceived = start + (p == 0 ? position : end <= join ? p + position : 0);
     m_endInReceived = start + (p == 0 ? end : end <= join ? p + end : end - join);
     return position;
 }
@@ -369,6 +370,7 @@ int ResponseMatcher::searchForward(const QByteArray &received, int responseSize)
 int ResponseMatcher::searchBackward(const QByteArray &received)
 {
     const int position = lastIndexIn(received.constData(), received.size(), -1);
+    m_beginInReceived = position;
     m_endInReceived = position < 0 ? -1 : position + m_length;
     return position;
 }

@@ -94,9 +94,11 @@ public:
     // responseSize bytes, turned to begin at the newest frame's DC2, and refuses matches that
     // join two frames unsafely; the backward search looks for the last position where the
     // pattern matches. Returns the match position (in the turned window for the forward search)
-    // or -1. endInReceived() tells where the match ends in the received bytes.
+    // or -1. In the received bytes, the match's earliest byte is at beginInReceived() and its
+    // last byte just before endInReceived().
     int searchForward(const QByteArray &received, int responseSize);
     int searchBackward(const QByteArray &received);
+    int beginInReceived() const { return m_beginInReceived; }
     int endInReceived() const { return m_endInReceived; }
 
     // Of the last successful search; the searched bytes must still be alive.
@@ -126,6 +128,7 @@ private:
     int m_position = -1;
     int m_length = 0;
     int m_hSize = 0;
+    int m_beginInReceived = -1;
     int m_endInReceived = -1;
     QVector<int> m_valueAt;
     QVector<int> m_valueSize;
