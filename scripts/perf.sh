@@ -137,6 +137,7 @@ echo
 echo "Machine: $machine"
 
 [ $quick = 1 ] && exit 0
+mkdir -p docs
 cat >docs/performance.md <<EOF
 # Performance
 

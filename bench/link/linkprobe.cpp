@@ -1,7 +1,7 @@
 // Watches registers through the driver plug-in as a panel screen does, against hust-sim on a
 // pseudo-terminal paced like the line, and reports what the screen saw.
 //
-//   hust_linkprobe [--n N] [--seconds S] [--poll MS] [--fault KIND] [--json]
+//   hust_linkprobe [--n N] [--seconds S] [--poll MS] [--fault KIND] [--bit-writes MS] [--json]
 //   hust_linkprobe --gcode read|send --size BYTES [--speed X] [--json]
 //
 // The screen is one block read of N double words (DW100 up) every --poll ms (default 10),
@@ -13,7 +13,9 @@
 // Reported: fresh blocks per second against the line's frame rate 1/T (T = (10 N + 25) * 11 /
 // 38400 s), data age p50/p95 in T, the process's CPU time per received byte and its peak memory;
 // with a fault, how long the error took to show, how long fresh blocks took to return after the
-// line came back, and how long the error stayed after that.
+// line came back, and how long the error stayed after that. With --bit-writes, bit 5 of the
+// screen's second double word (B101.5) is toggled every MS ms, and the probe counts the writes
+// after which a read showed the bit's old value again.
 //
 // With --gcode the probe reads the current part program (or sends one) of --size bytes through
 // the driver's G-code keys instead and reports the share of the line's character rate the
@@ -231,6 +233,7 @@ int main(int argc, char **argv)
                        {"seconds", "length of the watch", "S", "20"},
                        {"poll", "ms between reads", "MS", "10"},
                        {"fault", "none, cable-pull, hangup or restart", "KIND", "none"},
+                       {"bit-writes", "ms between writes of bit B101.5 (0: none)", "MS", "0"},
                        {"gcode", "read or send a part program", "KIND"},
                        {"size", "bytes of the part program", "BYTES", "10240"},
                        {"speed", "line and simulator this many times faster", "X", "1"},
@@ -311,6 +314,15 @@ int main(int argc, char **argv)
     const qint64 watchStart = clock.elapsed();
     const quint64 blocksBefore = driver->getThisObject()->property("deliveredBlocks").toULongLong();
 
+    // Bit writes: each toggles B101.5 (bit 5 of the screen's second double word); a read that
+    // shows the bit's earlier value after the write has gone back.
+    const int bitWriteMs = parser.value("bit-writes").toInt();
+    const CommunicatorCommand bit(CommunicatorCommand::BitType, 1, QStringLiteral("B101.5"));
+    bool written = false;
+    int bitWrites = 0, wentBack = 0, oldReads = 0;
+    qint64 nextWrite = bitWriteMs, oldSince = -1, longestOld = 0;
+    bool thisWriteWentBack = false;
+
     QVector<Sample> samples;
     bool restarted = false;
     for (qint64 t = 0; t < seconds * 1000; t = clock.elapsed() - watchStart) {
@@ -326,8 +338,28 @@ int main(int argc, char **argv)
                 restarted = true;
             }
         }
+        if (bitWriteMs > 0 && n >= 2 && t >= nextWrite) {
+            written = !written;
+            driver->write(&counted, bit, QByteArray(1, written));
+            nextWrite += bitWriteMs;
+            ++bitWrites;
+            thisWriteWentBack = false;
+        }
         const QByteArray data = driver->read(&counted, screen);
         QCoreApplication::processEvents();
+        if (bitWrites > 0 && data.size() >= 8) {
+            if (((quint8(data.at(4)) >> 5) & 1) != int(written)) {
+                ++oldReads;
+                if (oldSince < 0)
+                    oldSince = t;
+                if (!thisWriteWentBack)
+                    ++wentBack;
+                thisWriteWentBack = true;
+            } else if (oldSince >= 0) {
+                longestOld = qMax(longestOld, t - oldSince);
+                oldSince = -1;
+            }
+        }
         Sample s {t, driver->hasError(),
                   driver->getThisObject()->property("deliveredBlocks").toULongLong(), -1};
         if (data.size() >= 4) {
@@ -351,6 +383,12 @@ int main(int argc, char **argv)
                         {"cpu_ms_per_s", cpu * 1000 / elapsed},
                         {"bytes_read", double(counted.bytesRead())},
                         {"peak_memory_kb", qint64(peakMemoryKb())}};
+    if (bitWrites > 0) {
+        report.insert("bit_writes", bitWrites);
+        report.insert("bit_writes_gone_back", wentBack);
+        report.insert("reads_showing_the_old_bit", oldReads);
+        report.insert("longest_old_bit_ms", double(longestOld));
+    }
     if (fault == QLatin1String("none")) {
         QVector<double> ages;
         for (const Sample &s : qAsConst(samples)) {
