@@ -27,10 +27,6 @@ public:
     {
         return d.extractDataFromRespBuf(data, length);
     }
-    QByteArray extractZero(CommunicatorCommand::DataType type, int length)
-    {
-        return d.extractZeroDataFromDWordByteArray(type, length);
-    }
 
     QStringList list()
     {

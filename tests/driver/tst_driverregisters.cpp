@@ -113,16 +113,6 @@ private slots:
         QCOMPARE(DriverHushCNCTestAccess(driver).extract(type, address, block, length), expected);
     }
 
-    // Zeros for `length` items of the type, nothing for a length that does not fit.
-    void zeroExtraction()
-    {
-        DriverHushCNC driver;
-        DriverHushCNCTestAccess access(driver);
-        QCOMPARE(access.extractZero(CommunicatorCommand::QWordType, 2), QByteArray(8, '\0'));
-        QVERIFY(access.extractZero(CommunicatorCommand::DWordType, 0).isEmpty());
-        QVERIFY(access.extractZero(CommunicatorCommand::DWordType, INT_MAX).isEmpty());
-    }
-
     void firstReadsGrowTheListThenStartTheLoop()
     {
         DriverHushCNC driver;
