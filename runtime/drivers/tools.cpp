@@ -345,9 +345,14 @@ QByteArray ToSafeData(const CommunicatorCommand &cmd, const QByteArray &data)
     return safe;
 }
 
+// A grown array gets zero bytes, so that no bit reads what the allocator left behind.
 void FitBitArray(QByteArray &a, int bits)
 {
-    a.resize(bits <= 0 ? 0 : bits / 8 + (bits % 8 ? 1 : 0));
+    const int size = bits <= 0 ? 0 : bits / 8 + (bits % 8 ? 1 : 0);
+    if (size < a.size())
+        a.truncate(size);
+    else
+        a.append(size - a.size(), '\0');
 }
 
 void clearUnnecessaryBits(QByteArray &a, int bits)

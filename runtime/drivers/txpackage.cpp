@@ -122,7 +122,12 @@ void TxPackage::setSectionSize(const QList<int> &sizes)
         const qint64 present = qMax<qint64>(m_data->size() - starts.at(i), 0);
         total += sizes.at(i) >= 0 ? sizes.at(i) : qMin<qint64>(resolved.at(i), present);
     }
-    m_data->resize(int(qMin<qint64>(total, INT_MAX)));
+    // Bytes the sections add are zeros, never what the allocator left behind.
+    const int size = int(qMin<qint64>(total, INT_MAX));
+    if (size < m_data->size())
+        m_data->truncate(size);
+    else
+        m_data->append(size - m_data->size(), '\0');
 }
 
 void TxPackage::clearAll()
