@@ -48,6 +48,8 @@ constexpr int MaxReadSize = 200;
 constexpr int MinReadSize = 30;
 // Empty reads tolerated before the exchange is restarted: the 32nd empty read restarts it.
 constexpr int MaxEmptyReads = 30;
+// After a restart for a silent line, the time-out is raised again at this empty read.
+constexpr int EmptyReadsToRepeatTimeout = 16;
 // A cycle ends, without a result, at the exhaustion that follows this many restarts (silent line
 // or stale responses): an immediate read has a caller waiting on it, and a loop cycle must not
 // hold the worker's thread, where queued writes wait behind it, for ever.
@@ -519,6 +521,13 @@ DriverHushCNCReaderWriter::Step DriverHushCNCReaderWriter::receive(ReadCycle &c)
         // has used up its restarts.
         if (c.emptyReads <= Count::MaxEmptyReads) {
             ++c.emptyReads;
+            // A panel learns of the outage from the pending error, which every 52nd
+            // clearError() drops whenever it was raised: one raised just before such a call
+            // goes unseen until the next. Once a restart has found the line silent, the error
+            // is raised again halfway to the next restart, which shortens the longest time an
+            // outage can go unseen by half a count of empty reads.
+            if (c.silentRestarts > 0 && c.emptyReads == Count::EmptyReadsToRepeatTimeout)
+                emit setReadLoopTimeoutError();
         } else {
             emit setReadLoopTimeoutError();
             if (c.restarts++ >= Count::MaxRestarts) {
@@ -527,6 +536,7 @@ DriverHushCNCReaderWriter::Step DriverHushCNCReaderWriter::receive(ReadCycle &c)
             }
             restart(c);
             c.emptyReads = 0;
+            ++c.silentRestarts;
             return Step::Again;
         }
     }

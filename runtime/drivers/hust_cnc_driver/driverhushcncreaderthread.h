@@ -112,6 +112,7 @@ private:
         int loop = 0; // failed match attempts since the start or the last restart
         int emptyReads = 0; // empty reads since the start or the last restart they caused
         int restarts = 0;
+        int silentRestarts = 0; // restarts for a silent line
         bool backward = false; // a match attempt has failed: search backward from now on
         HustFrames::ResponseMatcher *matcher = nullptr;
     };
