@@ -15,17 +15,12 @@ quick=0
 [ "${1:-}" = "--quick" ] && quick=1
 
 scripts/install-deps.sh
-tools=(valgrind jq)
-missing=()
-for p in "${tools[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+for tool in valgrind jq; do
+  if ! command -v "$tool" >/dev/null; then
+    echo "perf.sh needs $tool: apt-get install $tool" >&2
+    exit 1
+  fi
 done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "Installing: ${missing[*]}"
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq
-  apt-get install -y -qq --no-install-recommends "${missing[@]}"
-fi
 
 build="${HUST_BUILD_DIR:-build}"
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null

@@ -5,6 +5,7 @@
 // port that hands out the answer in 200-byte chunks (the exchange alone, without system calls).
 #include "drv_dev_setting.h"
 #include "hustgcodecontroller.h"
+#include "partprogram.h"
 #include "scriptedport.h"
 #include "serialport.h"
 #include "simulator.h"
@@ -14,16 +15,6 @@
 #include <QList>
 
 namespace {
-
-QByteArray program(int size)
-{
-    QByteArray text;
-    text.reserve(size + 64);
-    for (int line = 1; text.size() < size; ++line)
-        text += "N" + QByteArray::number(line) + " G01 X12.345 Y-67.890 Z0.5 F1200\r";
-    text.truncate(size);
-    return text;
-}
 
 QList<QByteArray> answerChunks(const QByteArray &text)
 {
@@ -46,7 +37,7 @@ void countBytes(benchmark::State &state, int programSize)
 
 void BM_GetGCodeFromSimulator(benchmark::State &state)
 {
-    const QByteArray text = program(int(state.range(0)));
+    const QByteArray text = partProgram(int(state.range(0)));
     hustsim::SimulatorConfig config;
     config.paced = false;
     hustsim::Simulator sim(config);
@@ -76,7 +67,7 @@ void BM_GetGCodeFromSimulator(benchmark::State &state)
 
 void BM_GetGCode(benchmark::State &state)
 {
-    const QByteArray text = program(int(state.range(0)));
+    const QByteArray text = partProgram(int(state.range(0)));
     const QList<QByteArray> chunks = answerChunks(text);
     ScriptedPort port;
     port.setResponder([&chunks](ScriptedPort &p, const QByteArray &) {

@@ -25,6 +25,7 @@
 #include "communicatorcommand.h"
 #include "driverinterface.h"
 #include "drv_dev_setting.h"
+#include "partprogram.h"
 #include "serialport.h"
 
 #include <QCommandLineParser>
@@ -163,17 +164,6 @@ struct Sample
     double ageMs; // -1 without data
 };
 
-// A part program of size bytes, in lines as a CAM system writes them.
-QByteArray program(int size)
-{
-    QByteArray text;
-    text.reserve(size + 64);
-    for (int line = 1; text.size() < size; ++line)
-        text += "N" + QByteArray::number(line) + " G01 X12.345 Y-67.890 Z0.5 F1200\n";
-    text.truncate(size);
-    return text;
-}
-
 // Reads the current program, or sends text, through the driver's G-code keys as a screen does:
 // a write of the request key, then the status word polled until the transfer is over.
 QJsonObject transfer(DriverInterface *driver, AbstractDeviceInterface *port, bool send,
@@ -255,7 +245,7 @@ int main(int argc, char **argv)
     const QString link = dir.filePath(QStringLiteral("cnc"));
     const QString gcode = parser.value("gcode");
     const double speed = parser.value("speed").toDouble();
-    const QByteArray text = program(parser.value("size").toInt());
+    const QByteArray text = partProgram(parser.value("size").toInt());
     QStringList simArguments {QStringLiteral("--link"), link, QStringLiteral("--clock"),
                               QString::number(FirstRegister)};
     if (speed != 1.0)
