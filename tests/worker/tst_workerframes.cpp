@@ -187,6 +187,14 @@ private slots:
             const QString last = difference(matcher.lastIndexIn(input.constData(), input.size()),
                                             oracle.lastIndexIn(text));
             QVERIFY2(last.isEmpty(), qPrintable(last + " in " + input.toHex()));
+            // From anywhere, also before the start and past the end.
+            const int from = int(random.bounded(2 * input.size() + 7)) - input.size() - 3;
+            const QString at = difference(matcher.indexIn(input.constData(), input.size(), from),
+                                          oracle.indexIn(text, from))
+                + difference(matcher.lastIndexIn(input.constData(), input.size(), from),
+                             oracle.lastIndexIn(text, from));
+            QVERIFY2(at.isEmpty(),
+                     qPrintable(at + QStringLiteral(" from %1 in ").arg(from) + input.toHex()));
         }
     }
 

@@ -301,8 +301,11 @@ int ResponseMatcher::matchAt(const char *data, int size, int at)
 int ResponseMatcher::indexIn(const char *data, int size, int from)
 {
     m_position = -1;
+    // As QRegExp: a negative start counts from the end, and one before the start finds nothing.
     if (from < 0)
-        from = qMax(0, size + from);
+        from += size;
+    if (from < 0)
+        return -1;
     for (int at = from; at < size; ++at) {
         const void *h = std::memchr(data + at, 'H', size_t(size - at));
         if (!h)
@@ -317,6 +320,9 @@ int ResponseMatcher::indexIn(const char *data, int size, int from)
 int ResponseMatcher::lastIndexIn(const char *data, int size, int from)
 {
     m_position = -1;
+    // As QRegExp: a negative start counts from the end, and one past the end finds nothing.
+    if (from > size)
+        return -1;
     int at = from < 0 ? size + from : qMin(from, size - 1);
     for (; at >= 0; --at) {
         const void *h = memrchr(data, 'H', size_t(at) + 1);
