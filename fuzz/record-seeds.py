@@ -107,7 +107,9 @@ def answer_groups(events, is_request):
 
 
 # The targets whose seeds this script writes; their folders are emptied before it writes them.
-TARGETS = ["fuzz_simparser", "fuzz_gcode", "fuzz_commands", "fuzz_hustctl"]
+TARGETS = [
+    "fuzz_simparser", "fuzz_gcode", "fuzz_commands", "fuzz_hustctl", "fuzz_matcher"
+]
 
 
 def save(target, name, data):
@@ -127,6 +129,15 @@ def write_seeds(name, args, frames, events):
     save("fuzz_simparser", name, bytes([len(cuts)]) + cuts + b"".join(sent))
     save("fuzz_simparser", name + "-log",
          b"\x00" + b"".join(bytes.fromhex(f["raw"]) for f in frames))
+    # Matcher: the count of the first read request and the bytes received after it, searched
+    # strictly and leniently.
+    requests = [f for f in frames if f["kind"] == "read_request"]
+    if requests:
+        n = len(requests[0]["addresses"])
+        groups = answer_groups(events, lambda d: b"O9000\rN0\r" in d)
+        stream = b"".join(b"".join(g) for g in groups)[:4000]
+        for form in (0, 1):
+            save("fuzz_matcher", "%s-%d" % (name, form), bytes([n, form]) + stream)
     # Command records: the reads and writes that put these frames on the line.
     commands = []
     for f in frames:
