@@ -294,6 +294,15 @@ private slots:
             << 2 << false << true
             << QByteArrayList {responseFrame("00000009", QList<quint32> {7, 8, 9}) + newFrame}
             << QByteArray() << block({3, 4}) << 0 << 0 << 0;
+        // Bytes after a NUL are lost: the digits on either side must not join into one value.
+        const int cut = newFrame.indexOf("d00000003") + 4;
+        QTest::newRow("bytes lost after a NUL") << 2 << false << true
+                                                << QByteArrayList {newFrame.left(cut)
+                                                                       + QByteArray("\0"
+                                                                                    "1234",
+                                                                                    5),
+                                                                   newFrame.mid(cut)}
+                                                << QByteArray() << QByteArray() << 1 << 0 << 0;
         QTest::newRow("stale H code after a request")
             << 2 << false << true << QByteArrayList {oldFrame} << newFrame << block({3, 4}) << 0
             << 1 << 0;

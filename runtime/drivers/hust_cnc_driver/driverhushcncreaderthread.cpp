@@ -542,6 +542,10 @@ DriverHushCNCReaderWriter::Step DriverHushCNCReaderWriter::receive(ReadCycle &c)
     }
     c.rxBuf.append(m_rxChunk, appended);
     countFrameStarts(m_rxChunk, appended);
+    // What followed the NUL in this read is lost: a NUL stays behind as a barrier, so that no
+    // record joins the digits before the loss to those after it into a value never sent.
+    if (appended < got)
+        c.rxBuf.append('\0');
     if (collecting) {
         c.tmpSize -= got;
         return Step::Again;
@@ -688,6 +692,8 @@ void DriverHushCNCReaderWriter::takeBacklog()
             m_carried.truncate(0);
         }
         m_carried.append(from, int(m_rxChunk + appended - from));
+        if (appended < got)
+            m_carried.append('\0'); // the barrier of receive()
     }
     // Without a frame start nothing older than two responses can still be of use.
     const int most = 2 * calculateRxBufSize();
