@@ -108,7 +108,8 @@ def answer_groups(events, is_request):
 
 # The targets whose seeds this script writes; their folders are emptied before it writes them.
 TARGETS = [
-    "fuzz_simparser", "fuzz_gcode", "fuzz_commands", "fuzz_hustctl", "fuzz_matcher"
+    "fuzz_simparser", "fuzz_gcode", "fuzz_commands", "fuzz_hustctl", "fuzz_matcher",
+    "fuzz_readcycle"
 ]
 
 
@@ -138,6 +139,11 @@ def write_seeds(name, args, frames, events):
         stream = b"".join(b"".join(g) for g in groups)[:4000]
         for form in (0, 1):
             save("fuzz_matcher", "%s-%d" % (name, form), bytes([n, form]) + stream)
+        # Read cycle: the reads answering each request, as four loop cycles and as an immediate
+        # read.
+        reads = script([[chunk[:2000] for chunk in g] for g in groups[:4]])
+        save("fuzz_readcycle", name + "-loop", bytes([n, 12]) + reads[:6000])
+        save("fuzz_readcycle", name + "-immediate", bytes([n, 1]) + reads[:6000])
     # Command records: the reads and writes that put these frames on the line.
     commands = []
     for f in frames:
