@@ -679,10 +679,8 @@ int SerialPort::writeData(const char *data, int size)
             setError(Error::WriteStalled,
                      QStringLiteral("Write to %1 stalled after %2 of %3 bytes: the line took "
                                     "nothing for %4 ms")
-                         .arg(m_openPath)
-                         .arg(written)
-                         .arg(size)
-                         .arg(stallLimit));
+                         .arg(m_openPath, QString::number(written), QString::number(size),
+                              QString::number(stallLimit)));
             return written;
         }
         if ((events & HangUpEvents) && !(events & POLLOUT)) {

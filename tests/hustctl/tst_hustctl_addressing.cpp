@@ -85,6 +85,9 @@ private slots:
                                                    << "reason: -c does not apply to watch";
         QTest::newRow("value missing at the end") << "read DW1 -c"
                                                   << "reason: -c needs a value (N)";
+        QTest::newRow("placeholder in a refused value")
+            << "read DW1 -c %3"
+            << "reason: --count: \"%3\" is not a number from 1 to 100000";
         QTest::newRow("flag given a value") << "--json=1 read DW1"
                                             << "reason: --json takes no value";
         QTest::newRow("unknown command") << "reed DW1"

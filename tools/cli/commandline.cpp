@@ -320,9 +320,7 @@ bool toInt(const QString &option, const QString &text, int low, int high, int *v
     const int v = text.toInt(&ok, 10);
     if (!ok || v < low || v > high) {
         *reason = QStringLiteral("%1: \"%2\" is not a number from %3 to %4")
-                      .arg(option, text)
-                      .arg(low)
-                      .arg(high);
+                      .arg(option, text, QString::number(low), QString::number(high));
         return false;
     }
     *value = v;

@@ -132,8 +132,7 @@ bool parseRegisterSeed(const QString &text, QPair<int, quint32> *seed, QString *
         || !parseValue32(text.mid(eq + 1), &seed->second)) {
         *reason = QStringLiteral("--sim-set: \"%1\" is not N=VALUE with N from 0 to %2 and a "
                                  "32-bit VALUE")
-                      .arg(text)
-                      .arg(kLastDoubleWord);
+                      .arg(text, QString::number(kLastDoubleWord));
         return false;
     }
     seed->first = index;

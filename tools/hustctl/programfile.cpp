@@ -55,9 +55,7 @@ bool readProgramFile(const QString &path, qint64 maxBytes, QByteArray *text, QSt
     }
     if (info.st_size > maxBytes) {
         *reason = QStringLiteral("%1: %2 bytes, more than the %3 a program may have")
-                      .arg(path)
-                      .arg(info.st_size)
-                      .arg(maxBytes);
+                      .arg(path, QString::number(info.st_size), QString::number(maxBytes));
         ::close(fd);
         return false;
     }
@@ -75,8 +73,7 @@ bool readProgramFile(const QString &path, qint64 maxBytes, QByteArray *text, QSt
     }
     if (text->size() > maxBytes) {
         *reason = QStringLiteral("%1: grew beyond the %2 bytes a program may have")
-                      .arg(path)
-                      .arg(maxBytes);
+                      .arg(path, QString::number(maxBytes));
         return false;
     }
     return true;
