@@ -327,4 +327,11 @@ bool toInt(const QString &option, const QString &text, int low, int high, int *v
     return true;
 }
 
+bool readInt(const Parsed &parsed, const QString &name, int low, int high, int *value,
+             QString *reason)
+{
+    return !parsed.isSet(name)
+        || toInt(QStringLiteral("--") + name, parsed.value(name), low, high, value, reason);
+}
+
 } // namespace cli

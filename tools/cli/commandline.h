@@ -83,6 +83,10 @@ QString oneLine(const QString &text);
 // A whole decimal number from low to high. False with a reason naming the option.
 bool toInt(const QString &option, const QString &text, int low, int high, int *value,
            QString *reason);
+// The number given with --name, read as toInt() does; value keeps its default when the option is
+// not given.
+bool readInt(const Parsed &parsed, const QString &name, int low, int high, int *value,
+             QString *reason);
 
 } // namespace cli
 

@@ -71,13 +71,9 @@ bool readLineOptions(const Parsed &p, QString *device, int *baud, int *dataBits,
             return false;
         }
     }
-    const auto number = [&](const char *name, int low, int high, int *value) {
-        const QString key = QLatin1String(name);
-        return !p.isSet(key)
-            || toInt(QStringLiteral("--") + key, p.value(key), low, high, value, reason);
-    };
-    if (!number("baud", 50, 4000000, baud) || !number("databits", 7, 8, dataBits)
-        || !number("stopbits", 1, 2, stopBits))
+    if (!readInt(p, QStringLiteral("baud"), 50, 4000000, baud, reason)
+        || !readInt(p, QStringLiteral("databits"), 7, 8, dataBits, reason)
+        || !readInt(p, QStringLiteral("stopbits"), 1, 2, stopBits, reason))
         return false;
     if (p.isSet(QStringLiteral("parity"))) {
         const QString v = p.value(QStringLiteral("parity"));

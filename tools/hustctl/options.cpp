@@ -46,11 +46,8 @@ bool noCheck(const Parsed &, CtlOptions *, QString *)
 bool checkRead(const Parsed &p, CtlOptions *o, QString *reason)
 {
     int count = 1;
-    if (p.isSet(QStringLiteral("count"))
-        && !cli::toInt(QStringLiteral("--count"), p.value(QStringLiteral("count")), 1,
-                       kLastDoubleWord + 1, &count, reason))
-        return false;
-    return parseTargets(p, count, o, reason);
+    return cli::readInt(p, QStringLiteral("count"), 1, kLastDoubleWord + 1, &count, reason)
+        && parseTargets(p, count, o, reason);
 }
 
 bool checkWrite(const Parsed &p, CtlOptions *o, QString *reason)
@@ -77,15 +74,9 @@ bool checkWrite(const Parsed &p, CtlOptions *o, QString *reason)
 
 bool checkWatch(const Parsed &p, CtlOptions *o, QString *reason)
 {
-    if (p.isSet(QStringLiteral("interval"))
-        && !cli::toInt(QStringLiteral("--interval"), p.value(QStringLiteral("interval")), 10,
-                       3600000, &o->intervalMs, reason))
-        return false;
-    if (p.isSet(QStringLiteral("refreshes"))
-        && !cli::toInt(QStringLiteral("--refreshes"), p.value(QStringLiteral("refreshes")), 1,
-                       1000000000, &o->refreshes, reason))
-        return false;
-    return parseTargets(p, 1, o, reason);
+    return cli::readInt(p, QStringLiteral("interval"), 10, 3600000, &o->intervalMs, reason)
+        && cli::readInt(p, QStringLiteral("refreshes"), 1, 1000000000, &o->refreshes, reason)
+        && parseTargets(p, 1, o, reason);
 }
 
 bool checkGCode(const Parsed &p, CtlOptions *o, QString *reason)
@@ -240,19 +231,11 @@ bool parseGlobal(const Parsed &p, CtlOptions *o, QString *reason)
         || !cli::readSimulatorOptions(p, &o->link.simRegisters, &o->link.simPrograms, &o->link.pace,
                                       reason))
         return false;
-    if (p.isSet(QStringLiteral("delay"))
-        && !cli::toInt(QStringLiteral("--delay"), p.value(QStringLiteral("delay")), 0, 60000,
-                       &o->link.delayMs, reason))
-        return false;
-    if (p.isSet(QStringLiteral("retry"))
-        && !cli::toInt(QStringLiteral("--retry"), p.value(QStringLiteral("retry")), 0, 100,
-                       &o->link.retry, reason))
+    if (!cli::readInt(p, QStringLiteral("delay"), 0, 60000, &o->link.delayMs, reason)
+        || !cli::readInt(p, QStringLiteral("retry"), 0, 100, &o->link.retry, reason)
+        || !cli::readInt(p, QStringLiteral("timeout"), 1, 3600000, &o->timeoutMs, reason))
         return false;
     o->timeoutGiven = p.isSet(QStringLiteral("timeout"));
-    if (o->timeoutGiven
-        && !cli::toInt(QStringLiteral("--timeout"), p.value(QStringLiteral("timeout")), 1, 3600000,
-                       &o->timeoutMs, reason))
-        return false;
     o->json = p.isSet(QStringLiteral("json"));
     o->link.trace = p.isSet(QStringLiteral("trace"));
     o->pluginPath = p.value(QStringLiteral("plugin"));
