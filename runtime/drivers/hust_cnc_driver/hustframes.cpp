@@ -240,12 +240,6 @@ quint32 hexValue(const char *text, int size)
     return invalid < 0 ? 0 : value;
 }
 
-quint32 valueOf(const QString &valueText)
-{
-    const QByteArray text = valueText.toLatin1();
-    return valueOf(text.constData(), text.size());
-}
-
 ResponseMatcher::ResponseMatcher(int n, bool lenient)
     : m_count(n)
     , m_minDigits(lenient ? 5 : 8)
@@ -413,22 +407,6 @@ bool ResponseMatcher::hRecordIs(const QByteArray &record) const
 {
     return m_position >= 0 && record.size() == m_hSize
         && std::memcmp(record.constData(), m_subject + m_position, size_t(m_hSize)) == 0;
-}
-
-QStringList ResponseMatcher::valueTexts() const
-{
-    QStringList texts;
-    if (m_position < 0)
-        return texts;
-    for (int i = 0; i < m_count; ++i) {
-        QString text = QString::fromLatin1(valueText(i), valueSize(i));
-        for (QChar &c : text) {
-            if (c >= QLatin1Char(':') && c <= QLatin1Char('?'))
-                c = QLatin1Char(char('A' + (c.unicode() - ':')));
-        }
-        texts.append(text);
-    }
-    return texts;
 }
 
 } // namespace HustFrames

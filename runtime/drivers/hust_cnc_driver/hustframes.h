@@ -69,7 +69,6 @@ quint32 valueOf(const char *text, int size);
 // The number that 1 to 8 hexadecimal digits stand for, written as value characters or as the
 // letters A to F in either case; 0 for anything else.
 quint32 hexValue(const char *text, int size);
-quint32 valueOf(const QString &valueText);
 
 // Finds responses for n addresses in received bytes, as the regular expression of
 // responsePattern(n, lenient) would on the bytes taken as Latin-1 text, with the same match
@@ -82,7 +81,6 @@ public:
     ResponseMatcher(int n, bool lenient);
 
     int count() const { return m_count; }
-    bool isLenient() const { return m_minDigits < 8; }
 
     // The first match at or after from, or -1 (QRegExp::indexIn).
     int indexIn(const char *data, int size, int from = 0);
@@ -113,8 +111,6 @@ public:
     // Value characters of d record i, 5 to 8 of them, and their number.
     const char *valueText(int i) const { return m_subject + m_valueAt[i]; }
     int valueSize(int i) const { return m_valueSize[i]; }
-    // The value texts of all d records with ':' to '?' written as 'A' to 'F'.
-    QStringList valueTexts() const;
 
 private:
     // Length of the match at position at, or 0.
