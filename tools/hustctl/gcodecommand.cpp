@@ -17,10 +17,6 @@
 
 namespace {
 
-// Status word bits of the driver's G-code transfer.
-constexpr quint32 kReadFinished = 0x1;
-constexpr quint32 kSendFinished = 0x10000;
-
 // The frames around a program: the send header and the burn frame.
 constexpr int kSendHeaderBytes = 28;
 constexpr int kBurnBytes = 31;
@@ -199,8 +195,8 @@ int GCodeCommand::get(CommandEnv &env)
         return fail(env.err, error);
 
     Progress progress(env.err, host.line(), 0, env.options.json);
-    const bool finished
-        = waitForStatus(host, kReadFinished, m_timeoutMs, progress, QStringLiteral("receiving"));
+    const bool finished = waitForStatus(host, HustGCodeprotocol::ReadFinishedBit, m_timeoutMs,
+                                        progress, QStringLiteral("receiving"));
     const QByteArray text = finished
         ? host.readOnce(key(CommunicatorCommand::BlockType, "ReadCode")).data
         : QByteArray();
@@ -261,7 +257,8 @@ int GCodeCommand::put(CommandEnv &env)
     const qint64 onLine = kSendHeaderBytes + text.size() + 4 + (env.options.burn ? kBurnBytes : 0);
     Progress progress(env.err, host.line(), onLine, env.options.json);
     const QString sending = QStringLiteral("sending");
-    const bool finished = waitForStatus(host, kSendFinished, m_timeoutMs, progress, sending);
+    const bool finished
+        = waitForStatus(host, HustGCodeprotocol::SendFinishedBit, m_timeoutMs, progress, sending);
     if (!writeKey(host, statusKey(), QByteArray(4, 0), &error)) {
         progress.abandon();
         return fail(env.err, error);
