@@ -12,7 +12,7 @@ class InfoCommand : public Command
 {
 public:
     bool needsLink() const override { return false; }
-    bool prepare(CtlOptions &options, QString *reason) override;
+    bool prepare(CtlOptions &, QString *) override { return true; }
     int run(CommandEnv &env) override;
 };
 
@@ -30,11 +30,8 @@ public:
 class ReadCommand : public Command
 {
 public:
-    bool prepare(CtlOptions &options, QString *reason) override;
+    bool prepare(CtlOptions &, QString *) override { return true; }
     int run(CommandEnv &env) override;
-
-private:
-    Target m_target;
 };
 
 // write ADDRESS VALUE... [-t TYPE] [--no-verify], confirmed by reading the values back.

@@ -8,11 +8,6 @@
 #include <QJsonObject>
 #include <QScopedPointer>
 
-bool InfoCommand::prepare(CtlOptions &, QString *)
-{
-    return true;
-}
-
 // The driver's identity and the line this command line would open: the options given, the
 // driver's defaults for the rest.
 int InfoCommand::run(CommandEnv &env)

@@ -4,11 +4,6 @@
 #include "output.h"
 #include "targetreader.h"
 
-bool ReadCommand::prepare(CtlOptions &, QString *)
-{
-    return true;
-}
-
 int ReadCommand::run(CommandEnv &env)
 {
     const QList<Target> &targets = env.options.targets;
