@@ -173,9 +173,9 @@ private slots:
         QByteArray expected(12, '\0');
         if (byte >= 0)
             expected[byte] = mask;
-        QCOMPARE(access.cache(), expected);
+        QCOMPARE(DriverHushCNCTestAccess::blockData(driver), expected);
         QVERIFY(driver.write(port(), bit, QByteArray(1, 0)));
-        QCOMPARE(access.cache(), QByteArray(12, '\0'));
+        QCOMPARE(DriverHushCNCTestAccess::blockData(driver), QByteArray(12, '\0'));
         QCOMPARE(QList<QList<QVariant>>(bitSpy),
                  (QList<QList<QVariant>> {{address, true}, {address, false}}));
     }

@@ -549,8 +549,9 @@ private slots:
         f.worker.setDriverInterface(&driver);
         f.access.lastHCode() = "H00000001\r";
         f.worker.m_isStopLoopRead = false;
-        DriverHushCNCTestAccess::stream(driver, names(2), block({0, 0}));
-        QVERIFY(DriverHushCNCTestAccess::writeBit(driver, "B1.3", true));
+        DriverHushCNCTestAccess access(driver);
+        access.setStreaming(names(2), block({0, 0}));
+        QVERIFY(access.writeBit("B1.3", true));
         f.worker.writeBit("B1.3", true);
         f.port.queueRead(responseFrame("00000002", QList<quint32> {0, 0}));
         f.port.queueRead(responseFrame("00000003", QList<quint32> {0, 8}));

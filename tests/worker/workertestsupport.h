@@ -2,11 +2,10 @@
 #define WORKERTESTSUPPORT_H
 
 #include "driverhushcncreaderthread.h"
-#include "hush_cnc.h"
+#include "drivertestaccess.h"
 #include "scriptedport.h"
 
 #include <QByteArray>
-#include <QMutexLocker>
 #include <QStringList>
 
 // Reaches the worker's private slots and cycle state.
@@ -33,33 +32,6 @@ public:
 
 private:
     DriverHushCNCReaderWriter &w;
-};
-
-// Reads and clears the driver's double-word cache.
-class DriverHushCNCTestAccess
-{
-public:
-    static QByteArray blockData(DriverHushCNC &driver)
-    {
-        QMutexLocker lock(&driver.m_blockDataMutex);
-        return driver.m_currentBlockData;
-    }
-    static void clearBlockData(DriverHushCNC &driver)
-    {
-        QMutexLocker lock(&driver.m_blockDataMutex);
-        driver.m_currentBlockData.clear();
-    }
-    // The state of a driver whose worker streams list into a cache holding block.
-    static void stream(DriverHushCNC &driver, const QStringList &list, const QByteArray &block)
-    {
-        driver.storeAddrList(list);
-        driver.updateDWordByteArray(block);
-    }
-    static bool writeBit(DriverHushCNC &driver, const QString &address, bool value)
-    {
-        return driver.writeBitPath(CommunicatorCommand(CommunicatorCommand::BitType, 1, address),
-                                   QByteArray(1, value));
-    }
 };
 
 namespace WorkerTest {

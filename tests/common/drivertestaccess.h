@@ -7,7 +7,7 @@
 #include <QThread>
 #include <QtEndian>
 
-// Reaches the driver's private state and slots.
+// Reaches the driver's private state and slots, for the driver's and the worker's tests.
 class DriverHushCNCTestAccess
 {
 public:
@@ -33,10 +33,15 @@ public:
         QMutexLocker lock(&d.m_addrListMutex);
         return d.m_currentAddrList;
     }
-    QByteArray cache()
+    static QByteArray blockData(DriverHushCNC &driver)
     {
-        QMutexLocker lock(&d.m_blockDataMutex);
-        return d.m_currentBlockData;
+        QMutexLocker lock(&driver.m_blockDataMutex);
+        return driver.m_currentBlockData;
+    }
+    static void clearBlockData(DriverHushCNC &driver)
+    {
+        QMutexLocker lock(&driver.m_blockDataMutex);
+        driver.m_currentBlockData.clear();
     }
     // The state of a driver whose worker streams `list` into a cache holding `block`.
     void setStreaming(const QStringList &list, const QByteArray &block)
@@ -45,6 +50,12 @@ public:
         QMutexLocker lock(&d.m_blockDataMutex);
         d.m_currentBlockData = block;
         d.isStartLoopRead = true;
+    }
+    // A bit write as the run-time hands it over: sent to the worker and patched into the cache.
+    bool writeBit(const QString &address, bool value)
+    {
+        return d.writeBitPath(CommunicatorCommand(CommunicatorCommand::BitType, 1, address),
+                              QByteArray(1, value));
     }
     QThread *workerThread() const { return d.m_workerThread; }
 
