@@ -146,10 +146,12 @@ private:
 
     // Starts a transfer with one key write and waits for its end. Meanwhile register reads (DW0
     // counts the simulator's frames) come back empty without an error; afterwards they are fresh.
+    // A restart of loop reading that outlasts a read's wait (a loaded machine) leaves a time-out
+    // pending for 51 more clearError() calls, so the transfer starts once none is pending.
     void transfer(const char *name, const QByteArray &data, quint32 statusBit)
     {
         const CommunicatorCommand dw0 = key("DW0", CommunicatorCommand::DWordType);
-        QTRY_VERIFY_WITH_TIMEOUT(read(dw0).size() == 4, 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(read(dw0).size() == 4 && !m_driver->hasError(), 10000);
         quint32 before = value(read(dw0));
         write(name, data);
         bool paused = false;
