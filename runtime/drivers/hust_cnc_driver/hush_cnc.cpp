@@ -693,19 +693,18 @@ QByteArray DriverHushCNC::readBlock(const CommunicatorCommand &cmd)
     return readDWords(cmd, translation(cmd, false));
 }
 
-// The steps of a block read, under the session gate.
+// The steps of a block read, under the session gate. The list and its generation are taken
+// together once; copying the list only shares it.
 QByteArray DriverHushCNC::readDWords(const CommunicatorCommand &cmd, Translation &t)
 {
     int generation;
-    int listSize;
     QStringList list;
     {
         QMutexLocker lock(&m_addrListMutex);
         generation = m_addrListGeneration;
-        listSize = m_currentAddrList.size();
-        if (t.listGeneration != generation)
-            list = m_currentAddrList;
+        list = m_currentAddrList;
     }
+    const int listSize = list.size();
     if (t.listGeneration != generation) {
         t.listGeneration = generation;
         t.index = !containsAll(list, t.names) ? NamesMissing
@@ -719,10 +718,6 @@ QByteArray DriverHushCNC::readDWords(const CommunicatorCommand &cmd, Translation
         }
     }
     if (t.index == NamesMissing) {
-        {
-            QMutexLocker lock(&m_addrListMutex);
-            list = m_currentAddrList;
-        }
         const QStringList merged = mergedNames(list, t.names);
         if (merged.size() > MaxLoopNames) {
             emit showOverflowMsg(merged.size());
@@ -739,11 +734,6 @@ QByteArray DriverHushCNC::readDWords(const CommunicatorCommand &cmd, Translation
         return QByteArray();
     }
     if (!isStartLoopRead) {
-        {
-            QMutexLocker lock(&m_addrListMutex);
-            list = m_currentAddrList;
-            generation = m_addrListGeneration;
-        }
         m_readsSinceTrigger = 0;
         m_loopTriggerIndex = 0;
         isStartLoopRead = true;
