@@ -168,6 +168,17 @@ QString optionsHelp(const QList<Option> &options)
     return text;
 }
 
+QString examplesHelp(const Tool &tool, const QStringList &examples)
+{
+    QString text;
+    if (!examples.isEmpty()) {
+        text = QStringLiteral("\nexamples:\n");
+        for (const QString &example : examples)
+            text += QStringLiteral("  %1 %2\n").arg(tool.name, example);
+    }
+    return text;
+}
+
 bool namedCommands(const Tool &tool)
 {
     return !(tool.commands.size() == 1 && tool.commands.first().name.isEmpty());
@@ -267,12 +278,7 @@ QString helpText(const Tool &tool, const QString &commandName)
         if (!command->options.isEmpty())
             text += QStringLiteral("\noptions:\n") + optionsHelp(command->options);
         text += QStringLiteral("\nThe options of every command: %1 --help\n").arg(tool.name);
-        if (!command->examples.isEmpty()) {
-            text += QStringLiteral("\nexamples:\n");
-            for (const QString &example : command->examples)
-                text += QStringLiteral("  %1 %2\n").arg(tool.name, example);
-        }
-        return text;
+        return text + examplesHelp(tool, command->examples);
     }
     QString text;
     if (namedCommands(tool)) {
@@ -290,11 +296,8 @@ QString helpText(const Tool &tool, const QString &commandName)
     if (!namedCommands(tool) && !tool.commands.isEmpty())
         options += tool.commands.first().options;
     text += QStringLiteral("\noptions:\n") + optionsHelp(options + QList<Option> {kHelp, kVersion});
-    if (!namedCommands(tool) && !tool.commands.first().examples.isEmpty()) {
-        text += QStringLiteral("\nexamples:\n");
-        for (const QString &example : tool.commands.first().examples)
-            text += QStringLiteral("  %1 %2\n").arg(tool.name, example);
-    }
+    if (!namedCommands(tool))
+        text += examplesHelp(tool, tool.commands.first().examples);
     if (!tool.epilogue.isEmpty())
         text += QLatin1Char('\n') + tool.epilogue;
     return text;
