@@ -258,16 +258,20 @@ private slots:
     void streamFrames_data()
     {
         QTest::addColumn<QList<int>>("indices");
-        QTest::newRow("counter and far end") << QList<int> {0, 10, 11, 99999};
-        QTest::newRow("empty list") << QList<int> {};
+        QTest::addColumn<bool>("paced");
+        QTest::newRow("counter and far end") << QList<int> {0, 10, 11, 99999} << false;
+        QTest::newRow("empty list") << QList<int> {} << false;
         QList<int> many;
         for (int i = 0; i < 99; ++i)
             many.append(500 + 2 * i);
-        QTest::newRow("99 addresses") << many;
+        QTest::newRow("99 addresses") << many << false;
+        QTest::newRow("at line speed") << QList<int> {0, 10, 11, 99999} << true;
     }
     void streamFrames()
     {
         QFETCH(QList<int>, indices);
+        QFETCH(bool, paced);
+        m_config.paced = paced;
         startSimulator();
         QList<quint32> values;
         for (int index : indices) // the 99 addresses use all sixteen value characters
@@ -276,7 +280,12 @@ private slots:
             m_sim->setRegister(indices.at(i), values.at(i));
         // A new request replaces the list streaming before, which never comes back.
         QVERIFY(streams(readRequest({20, 21})));
+        QElapsedTimer sent;
+        sent.start();
         QVERIFY(sendAndWait(readRequest(indices), FrameKind::ReadRequest));
+        // A paced controller takes a request only once its last character has crossed the line.
+        const qint64 lineMs = readRequest(indices).size() * 11 * 1000 / 38400;
+        QVERIFY(!paced || sent.elapsed() >= lineMs);
         const int size = 10 * indices.size() + 25;
         QList<QByteArray> frames {
             m_client.readFrame([&](const QByteArray &f) { return f.size() == size; })};

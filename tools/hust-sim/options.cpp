@@ -101,7 +101,7 @@ const cli::Tool &hustSimTool()
             + cli::simulatorOptions();
         simulator.options += {
             option("link", "PATH", "keep a symlink at PATH pointing at the pty's slave"),
-            option("speed", "X", "send X times faster than the line (X > 0)"),
+            option("speed", "X", "run the line X times faster, both ways (X > 0)"),
             option("registers", "FILE", "seed from a JSON object {\"N\": V, ...}"),
             option("current", "NAME", "the current program (default: the first by name)"),
             option("no-counter", "", "do not count sent frames in double word 0"),

@@ -1,7 +1,10 @@
 #ifndef HUSTSIM_PACER_H
 #define HUSTSIM_PACER_H
 
+#include <QByteArray>
 #include <QtGlobal>
+
+#include <deque>
 
 namespace hustsim {
 
@@ -32,6 +35,41 @@ public:
 private:
     qint64 m_byteNanos = 0;
     qint64 m_next = 0;
+};
+
+// Holds the bytes read from the line until a real line would have delivered them. A
+// pseudo-terminal hands over a whole write the moment it is made, but at the line's rate a
+// character is there only one character time after the one before it has arrived, so a request
+// of a hundred characters takes that long to reach the controller, and the frames it is sending
+// meanwhile go out before it can act. Taking requests sooner would close that window, in which a
+// panel sees frames of the old list after it sent a new one.
+class ArrivalPacer
+{
+public:
+    // charactersPerSecond <= 0: unpaced, every byte has arrived as soon as it is read.
+    explicit ArrivalPacer(double charactersPerSecond = 0.0);
+
+    // `size` bytes were read from the line at `now`; they arrive after those still held.
+    void received(const char *data, int size, qint64 now);
+    // The held bytes whose last bit has arrived by `now`, in order; they are no longer held.
+    QByteArray arrived(qint64 now);
+    // Drops what is held: it was on a line that went away.
+    void clear();
+    bool isEmpty() const { return m_held.empty(); }
+    // Milliseconds until the next held byte has arrived, rounded up (0 when it has).
+    int msUntilNext(qint64 now) const;
+
+private:
+    // What one read returned, and when its first character not yet taken began on the line.
+    struct Burst
+    {
+        QByteArray bytes;
+        int taken = 0;
+        qint64 start = 0;
+    };
+
+    qint64 m_byteNanos = 0;
+    std::deque<Burst> m_held;
 };
 
 } // namespace hustsim

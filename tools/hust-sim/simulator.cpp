@@ -45,6 +45,7 @@ struct Simulator::Private
     void pass();
     bool handleLinkState(qint64 now);
     void readInput(qint64 now);
+    void takeArrived(qint64 now);
     void writeOutput(qint64 now);
     void queueStreamFrame();
     void queue(const QByteArray &bytes, bool responseFrame);
@@ -62,6 +63,7 @@ struct Simulator::Private
     Link link;
     RequestParser parser;
     Pacer pacer;
+    ArrivalPacer arrivals;
 
     std::function<void(const QString &)> pathHandler;
     std::function<void(const RecordedFrame &)> frameHandler;
@@ -146,6 +148,7 @@ void Simulator::Private::pass()
             writeBlocked = false;
         if (fds[1].revents & (POLLIN | POLLERR | POLLHUP))
             readInput(monotonicNanos());
+        takeArrived(monotonicNanos());
     }
     if (wakePipe[0] >= 0) {
         char drain[64];
@@ -161,6 +164,7 @@ bool Simulator::Private::handleLinkState(qint64 now)
         qCInfo(lcSim) << "cable pulled for" << pullMs << "ms";
         pullUntil = now + pullMs * kNanosPerMs;
         dropOutput();
+        arrivals.clear();
         parser.reset();
     }
     const qint64 hangupMs = hangupRequestMs.exchange(-1);
@@ -170,6 +174,7 @@ bool Simulator::Private::handleLinkState(qint64 now)
         hungUp = true;
         hangupUntil = now + hangupMs * kNanosPerMs;
         dropOutput();
+        arrivals.clear();
         parser.reset();
     }
     if (hungUp && now >= hangupUntil) {
@@ -208,6 +213,8 @@ int Simulator::Private::waitMs(qint64 now) const
         wait = std::min(wait, (readBackoffUntil - now + kNanosPerMs - 1) / kNanosPerMs);
     if (!hungUp && !out.isEmpty() && !writeBlocked)
         wait = std::min<qint64>(wait, std::max(1, pacer.msUntilDue(now)));
+    if (!arrivals.isEmpty())
+        wait = std::min<qint64>(wait, std::max(1, arrivals.msUntilNext(now)));
     if (!hungUp && out.isEmpty() && streaming.load() && !faults.silence() && now >= pullUntil)
         wait = 0;
     return int(wait);
@@ -222,8 +229,7 @@ void Simulator::Private::readInput(qint64 now)
             bytesReceived += quint64(n);
             if (now < pullUntil)
                 continue;
-            parser.feed(buffer, int(n),
-                        [this](Request &&request) { handleRequest(std::move(request)); });
+            arrivals.received(buffer, int(n), now);
             continue;
         }
         if (n < 0 && (errno == EAGAIN || errno == EINTR))
@@ -235,6 +241,14 @@ void Simulator::Private::readInput(qint64 now)
         readBackoffUntil = now + kIdleWaitMs * kNanosPerMs;
         return;
     }
+}
+
+// Requests take effect as their last character arrives; output goes on meanwhile.
+void Simulator::Private::takeArrived(qint64 now)
+{
+    const QByteArray bytes = arrivals.arrived(now);
+    parser.feed(bytes.constData(), bytes.size(),
+                [this](Request &&request) { handleRequest(std::move(request)); });
 }
 
 void Simulator::Private::writeOutput(qint64 now)
@@ -413,6 +427,7 @@ bool Simulator::start()
     }
     const double rate = config.line.baud / double(config.line.bitsPerCharacter()) * config.speed;
     d->pacer = Pacer(config.paced ? rate : 0.0);
+    d->arrivals = ArrivalPacer(config.paced ? rate : 0.0);
     d->parser.reset();
     d->log.clear();
     d->startNanos = monotonicNanos();
