@@ -12,7 +12,9 @@
 #                    from a switch to the new screen's values
 #   stale refreshes  refreshes marked stale, of all refreshes
 #   wrong values     values the controller never held in that register / values of another
-#                    register (whole records out of place)
+#                    register (whole records out of place), summed over the refreshes that
+#                    showed them; screen switches: after how many of the switches that got
+#                    to the new screen's values any showed
 #   writes lost      writes made while fresh values flowed that never reached the controller
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -85,8 +87,13 @@ report() {
       if (kind == "outage" && t >= back && freshAt == "" && $4 > blocksBefore) freshAt = t
       if (kind == "switch" && nswitch > 0 && !done[nswitch] && $6) {
         done[nswitch] = 1
+        ++shownSwitches
         wait = t - switches[nswitch]
         if (wait > longest) longest = wait
+      }
+      if (kind == "switch" && nswitch > 0 && $7 + $8 > 0 && !wronged[nswitch]) {
+        wronged[nswitch] = 1
+        ++wrongSwitches
       }
       if (kind == "switch" && nswitch > 0 && $3 && !erred[nswitch]) {
         erred[nswitch] = 1
@@ -102,14 +109,16 @@ report() {
       else if (kind == "switch") fresh = seconds(longest)
       else fresh = seconds(gap)
       error = errorAt == "" ? "never" : seconds(errorAt)
-      if (kind == "switch" && errorSwitches > 0) error = error " (" errorSwitches " of " nswitch " switches)"
+      if (kind == "switch" && errorSwitches > 0) error = error " (" errorSwitches " of " shownSwitches " switches)"
+      wrong = sprintf("%d / %d", corrupt, shifted)
+      if (kind == "switch" && wrongSwitches > 0) wrong = wrong " (" wrongSwitches " of " shownSwitches " switches)"
       healthy = 0; lost = 0
       for (s in writes) {
         if (kind == "outage" && writes[s] >= from - 200 && (freshAt == "" || writes[s] <= freshAt)) continue
         ++healthy
         if (!(s in arrived)) ++lost
       }
-      printf "| %s | %s | %s | %d of %d | %d / %d | %d of %d |\n", name, error, fresh, stale, refreshes, corrupt, shifted, lost, healthy
+      printf "| %s | %s | %s | %d of %d | %s | %d of %d |\n", name, error, fresh, stale, refreshes, wrong, lost, healthy
     }' "$work/screen.out"
 }
 
@@ -159,6 +168,20 @@ outage() {
   report "$name" outage "$from" "$back"
 }
 
+# Screen switches every second, refreshed every 10 ms, while the controller ignores every stop
+# frame and streams the old list until it has taken the new request. Further arguments go to
+# hust-faultscreen.
+switching() {
+  local name="$1" seconds="$2"
+  shift 2
+  rm -f "$work"/sim*.log
+  start_sim "$work/sim1.log" --lose-stop 1
+  "$bin/hust-faultscreen" --port "$link" --seconds "$seconds" --refresh 10 --switch 1000 "$@" \
+    >"$work/screen.out"
+  stop_sim
+  report "$name" switch
+}
+
 echo "| fault | error shows | fresh again | stale refreshes | wrong values | writes lost |"
 echo "|---|---|---|---|---|---|"
 outage "cable pull 5 s" cable
@@ -169,8 +192,5 @@ lasting "random bytes before 10 % of frames" --garbage 0.1
 lasting "each H code on 3 frames" --repeat-h 3
 lasting "short values (10 % of records)" --short-values 0.1
 lasting "cut frames (10 %)" --cut 0.1
-rm -f "$work"/sim*.log
-start_sim "$work/sim1.log" --lose-stop 1
-"$bin/hust-faultscreen" --port "$link" --seconds 12 --switch 1000 >"$work/screen.out"
-stop_sim
-report "every stop frame lost, screen switch every second" switch
+switching "every stop frame lost, screen switch every second" 30
+switching "every stop frame lost, switches between screens of one length" 12 --same-length
