@@ -1,31 +1,12 @@
 // Latency of a register read answered from a warm cache, for loop-read lists of 1, 10 and 99
 // double words. The worker is kept idle so that only the driver's own work is measured.
 #include "driverhushcncreaderthread.h"
-#include "hush_cnc.h"
+#include "drivertestaccess.h"
 #include "scriptedport.h"
 
 #include <QCoreApplication>
-#include <QMutexLocker>
 
 #include <benchmark/benchmark.h>
-
-class DriverHushCNCTestAccess
-{
-public:
-    static void warmCache(DriverHushCNC &driver, int size)
-    {
-        QStringList list;
-        for (int i = 0; i < size; ++i)
-            list << QString::asprintf("d%05d", i);
-        driver.storeAddrList(list);
-        {
-            QMutexLocker lock(&driver.m_blockDataMutex);
-            driver.m_currentBlockData = QByteArray(4 * size, '\x5a');
-        }
-        driver.isStartLoopRead = true;
-        driver.m_readerWriter->m_isLoopReading = true;
-    }
-};
 
 namespace {
 
@@ -44,10 +25,16 @@ struct WarmDriver
                      CommunicatorCommand(CommunicatorCommand::BitType, 1,
                                          QStringLiteral("WriteBitDirectDisable0")),
                      QByteArray(1, 0));
-        DriverHushCNCTestAccess::warmCache(driver, size);
-        for (int i = 0; i < size; ++i)
+        QStringList list;
+        for (int i = 0; i < size; ++i) {
+            list << QString::asprintf("d%05d", i);
             commands.append(CommunicatorCommand(CommunicatorCommand::DWordType, 1,
                                                 QStringLiteral("DW%1").arg(i)));
+        }
+        DriverHushCNCTestAccess access(driver);
+        access.setStreaming(list, QByteArray(4 * size, '\x5a'));
+        // A worker that seems busy is never asked for a cycle.
+        access.worker()->m_isLoopReading = true;
     }
 };
 

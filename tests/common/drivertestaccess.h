@@ -58,6 +58,7 @@ public:
                               QByteArray(1, value));
     }
     QThread *workerThread() const { return d.m_workerThread; }
+    DriverHushCNCReaderWriter *worker() const { return d.m_readerWriter; }
 
 private:
     DriverHushCNC &d;
