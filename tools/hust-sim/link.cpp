@@ -156,6 +156,7 @@ bool Link::openPty(QString *error)
     m_fd = master;
     m_slaveFd = slave;
     m_path = QString::fromLocal8Bit(name);
+    m_atOnce = true;
     notePtyLineSettings(m_line);
     return pointLink(error);
 }
@@ -229,7 +230,8 @@ bool Link::openDevice(QString *error)
         return false;
     }
     tcflush(fd, TCIOFLUSH);
-    if (isPtySlave(fd))
+    m_atOnce = isPtySlave(fd);
+    if (m_atOnce)
         notePtyLineSettings(m_line);
     m_fd = fd;
     m_path = m_device;

@@ -28,6 +28,9 @@ public:
 
     bool isOpen() const { return m_fd >= 0; }
     bool isPty() const { return m_device.isEmpty(); }
+    // A pseudo-terminal (ours, or one served as the device) hands over a write at once; a serial
+    // device delivers characters as they cross the line.
+    bool deliversAtOnce() const { return m_atOnce; }
     int fd() const { return m_fd; }
     // The path a client opens: the pty's slave or the device.
     QString path() const { return m_path; }
@@ -50,6 +53,7 @@ private:
     int m_slaveFd = -1;
     QString m_path;
     bool m_linkCreated = false;
+    bool m_atOnce = false;
 };
 
 } // namespace hustsim

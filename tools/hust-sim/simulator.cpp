@@ -427,7 +427,7 @@ bool Simulator::start()
     }
     const double rate = config.line.baud / double(config.line.bitsPerCharacter()) * config.speed;
     d->pacer = Pacer(config.paced ? rate : 0.0);
-    d->arrivals = ArrivalPacer(config.paced ? rate : 0.0);
+    d->arrivals = ArrivalPacer(config.paced && d->link.deliversAtOnce() ? rate : 0.0);
     d->parser.reset();
     d->log.clear();
     d->startNanos = monotonicNanos();
