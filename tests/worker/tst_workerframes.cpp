@@ -14,6 +14,11 @@ namespace {
 const QByteArray kStopFrame("\x12%\rO9000\rN1\r%\x14");
 const QByteArray kRequestHead("\x12%\rO9000\rN0\r");
 
+// How cycle() runs: an immediate read, a loop cycle, or loop reading started for a new list.
+constexpr int Immediate = 0;
+constexpr int Loop = 1;
+constexpr int Switch = 2;
+
 // A value as the controller writes it: eight hexadecimal digits with ':' to '?' for A to F.
 QByteArray valueText(quint32 v)
 {
@@ -274,12 +279,16 @@ private slots:
         QVERIFY(accepted > 0);
     }
 
-    // One cycle on scripted chunks. The controller answers every read request the cycle sends
-    // with `answer`; readCalls 0 leaves the number of reads unchecked.
+    // One cycle on scripted chunks. The controller answers every read request for the list with
+    // `answer`, and a request for another list with a frame of its count; readCalls 0 leaves the
+    // number of reads unchecked. A switch starts loop reading for a new list right after the old
+    // one was stopped: `chunks` then holds a frame of the old list when the controller ignored the
+    // stop frames and kept streaming (the drain gave up), and a frame of the list it streams is
+    // under way, ahead of the answer, whenever a request arrives. No chunks: it stopped.
     void cycle_data()
     {
         QTest::addColumn<int>("count");
-        QTest::addColumn<bool>("loop");
+        QTest::addColumn<int>("mode");
         QTest::addColumn<bool>("cmdJustSent");
         QTest::addColumn<QByteArrayList>("chunks");
         QTest::addColumn<QByteArray>("answer");
@@ -291,17 +300,17 @@ private slots:
         const QByteArray oldFrame = responseFrame("00000001", QList<quint32> {1, 2});
         const QByteArray newFrame = responseFrame("00000002", QList<quint32> {3, 4});
         QTest::newRow("behind the tail of an older response")
-            << 2 << false << true << QByteArrayList {oldFrame.right(17) + newFrame} << QByteArray()
-            << block({3, 4}) << 0 << 0 << 0;
+            << 2 << Immediate << true << QByteArrayList {oldFrame.right(17) + newFrame}
+            << QByteArray() << block({3, 4}) << 0 << 0 << 0;
         // Right after a request the old H code means the controller has not seen it yet: resend.
         // The first two records of a longer frame of the list before match; its count does not.
         QTest::newRow("frame of a longer list")
-            << 2 << false << true
+            << 2 << Immediate << true
             << QByteArrayList {responseFrame("00000009", QList<quint32> {7, 8, 9}) + newFrame}
             << QByteArray() << block({3, 4}) << 0 << 0 << 0;
         // Bytes after a NUL are lost: the digits on either side must not join into one value.
         const int cut = newFrame.indexOf("d00000003") + 4;
-        QTest::newRow("bytes lost after a NUL") << 2 << false << true
+        QTest::newRow("bytes lost after a NUL") << 2 << Immediate << true
                                                 << QByteArrayList {newFrame.left(cut)
                                                                        + QByteArray("\0"
                                                                                     "1234",
@@ -309,28 +318,48 @@ private slots:
                                                                    newFrame.mid(cut)}
                                                 << QByteArray() << QByteArray() << 1 << 0 << 0;
         QTest::newRow("stale H code after a request")
-            << 2 << false << true << QByteArrayList {oldFrame} << newFrame << block({3, 4}) << 0
+            << 2 << Immediate << true << QByteArrayList {oldFrame} << newFrame << block({3, 4}) << 0
             << 1 << 0;
         // After one response's worth of bytes every read brings one byte: one failed match each,
         // up to max(2N, 10) attempts.
         const QByteArrayList drip = QVector<QByteArray>(100, "x").toList();
         QTest::newRow("give up, N=2: 10 attempts")
-            << 2 << false << false << (QByteArrayList {QByteArray(45, 'x')} + drip) << QByteArray()
-            << QByteArray() << 1 << 0 << 12;
+            << 2 << Immediate << false << (QByteArrayList {QByteArray(45, 'x')} + drip)
+            << QByteArray() << QByteArray() << 1 << 0 << 12;
         QTest::newRow("give up, N=30: 60 attempts")
-            << 30 << false << false
+            << 30 << Immediate << false
             << (QByteArrayList {QByteArray(200, 'x'), QByteArray(125, 'x')} + drip) << QByteArray()
             << QByteArray() << 1 << 0 << 2 + 61;
         // The 32nd empty read raises the time-out and restarts the exchange. Without a driver
         // the block only refreshes the last full block.
         QTest::newRow("32nd empty read restarts a loop cycle")
-            << 2 << true << false << QByteArrayList() << newFrame << block({3, 4}) << 1 << 1 << 33;
+            << 2 << Loop << false << QByteArrayList() << newFrame << block({3, 4}) << 1 << 1 << 33;
+        // Between lists of one length a frame of the old list passes the count check: the old
+        // stream is fenced off first by a request of another count (two names for a list of one),
+        // whose answer the cycle waits for behind the rest of an old frame, however long.
+        QTest::newRow("switch, stop frames lost, 1 address")
+            << 1 << Switch << false
+            << QByteArrayList {responseFrame("00000009", QList<quint32> {1})}
+            << responseFrame("00000002", QList<quint32> {3}) << block({3}) << 0 << 2 << 0;
+        QList<quint32> values;
+        for (quint32 i = 0; i < 99; ++i)
+            values << 1000 + i;
+        QTest::newRow("switch, stop frames lost, 99 addresses")
+            << 99 << Switch << false
+            << QByteArrayList {responseFrame("00000009", QVector<quint32>(99, 1).toList())}
+            << responseFrame("00000002", values) << block(values) << 0 << 2 << 0;
+        QTest::newRow("switch, stop frames lost, old list of another length: no fence")
+            << 2 << Switch << false
+            << QByteArrayList {responseFrame("00000009", QList<quint32> {7, 8, 9})} << newFrame
+            << block({3, 4}) << 0 << 1 << 0;
+        QTest::newRow("switch, drain went quiet: no fence")
+            << 2 << Switch << false << QByteArrayList() << newFrame << block({3, 4}) << 0 << 1 << 0;
     }
 
     void cycle()
     {
         QFETCH(int, count);
-        QFETCH(bool, loop);
+        QFETCH(int, mode);
         QFETCH(bool, cmdJustSent);
         QFETCH(QByteArrayList, chunks);
         QFETCH(QByteArray, answer);
@@ -338,22 +367,47 @@ private slots:
         QFETCH(int, timeouts);
         QFETCH(int, requests);
         QFETCH(int, readCalls);
+        QByteArray underWay = mode == Switch ? chunks.value(0) : QByteArray();
         Fixture f(count);
-        for (const QByteArray &c : chunks)
-            f.port.queueRead(c);
-        f.port.setResponder([answer](ScriptedPort &p, const QByteArray &written) {
-            if (written.startsWith(kRequestHead) && !answer.isEmpty())
-                p.queueRead(answer);
-        });
         f.access.cmdJustSent() = cmdJustSent;
         f.access.lastHCode() = "H00000001\r";
-        f.worker.m_isStopLoopRead = !loop;
+        f.worker.m_isStopLoopRead = mode == Immediate;
+        if (mode == Switch) {
+            // The old screen's request, for a list of the old frame's count.
+            const int v = underWay.indexOf('v');
+            f.access.setAddrList(names(v < 0 ? count : underWay.mid(v + 1, 2).toInt(), 50));
+            f.access.sendTxBufForRead(f.access.packReadBytesCmd());
+            f.access.drainGaveUp() = true;
+            if (underWay.isEmpty())
+                f.worker.stopLoopRead();
+            f.port.clearRecord();
+        } else {
+            for (const QByteArray &c : chunks)
+                f.port.queueRead(c);
+        }
+        f.port.setResponder([&underWay, answer, count](ScriptedPort &p, const QByteArray &written) {
+            if (!written.startsWith(kRequestHead))
+                return;
+            const int asked = written.mid(kRequestHead.size() + 1, 2).toInt();
+            const QByteArray reply = asked == count
+                ? answer
+                : responseFrame("00000007", QVector<quint32>(asked).toList());
+            if (!underWay.isEmpty()) {
+                p.queueRead(underWay);
+                underWay = reply;
+            }
+            if (!reply.isEmpty())
+                p.queueRead(reply);
+        });
         QSignalSpy timeoutSpy(&f.worker, &DriverHushCNCReaderWriter::setReadLoopTimeoutError);
 
         QByteArray response("untouched");
-        f.access.readFromCNCController(!loop, &response);
+        if (mode == Switch)
+            f.worker.startLoopRead(names(count));
+        else
+            f.access.readFromCNCController(mode == Immediate, &response);
 
-        if (loop) {
+        if (mode != Immediate) {
             QCOMPARE(f.access.lastFullBlock(), expected);
         } else {
             QCOMPARE(response, expected.isEmpty() ? QByteArray("untouched") : expected);
@@ -363,10 +417,22 @@ private slots:
             }
         }
         QCOMPARE(timeoutSpy.count(), timeouts);
+        // Every request is the list's or a fence, a request of another count.
+        const QByteArray written = f.port.written();
         const QByteArray request = f.access.packReadBytesCmd();
-        for (const QByteArray &w : f.port.writes())
-            QVERIFY(!w.startsWith(kRequestHead) || w == request);
-        QCOMPARE(f.port.writes().count(request), requests);
+        const QByteArray countRecord = request.mid(kRequestHead.size(), 4);
+        int sent = 0;
+        for (int at = written.indexOf(kRequestHead); at >= 0;
+             at = written.indexOf(kRequestHead, at + 1), ++sent) {
+            QVERIFY(written.mid(at).startsWith(request)
+                    || written.mid(at + kRequestHead.size(), 4) != countRecord);
+        }
+        QCOMPARE(sent, requests);
+        // A switch sends its list's request once, after any fence.
+        if (mode == Switch) {
+            QCOMPARE(written.count(request), 1);
+            QVERIFY(written.endsWith(request));
+        }
         if (readCalls)
             QCOMPARE(f.port.readCalls(), readCalls);
     }
@@ -534,6 +600,7 @@ private slots:
         Fixture f;
         f.port.setAvailable(10);
         f.access.checkRxBufAndExit();
+        QVERIFY(f.access.drainGaveUp());
         QVERIFY(!f.port.writes().isEmpty());
         QCOMPARE(f.port.writes().count(kStopFrame), f.port.writes().size());
     }

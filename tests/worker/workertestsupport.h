@@ -25,6 +25,7 @@ public:
     QByteArray packReadBytesCmd() { return w.packReadBytesCmd(); }
     void sendTxBufForRead(const QByteArray &tx) { w.sendTxBufForRead(tx); }
     void checkRxBufAndExit() { w.checkRxBufAndExit(); }
+    std::atomic<bool> &drainGaveUp() { return w.m_drainGaveUp; }
     void readFromCNCController(bool isResponse, QByteArray *out = nullptr)
     {
         w.readFromCNCController(isResponse, out);

@@ -191,6 +191,7 @@ void DriverHushCNCReaderWriter::getAddrValRightaway(QStringList addrList,
     m_carried.clear();
     sendStopSendCommand(0);
     checkRxBufAndExit();
+    fenceOldStream();
     sendTxBufForRead(packReadBytesCmd());
     QThread::msleep(Pause::ImmediateStop);
     sendStopSendCommand(0);
@@ -211,8 +212,43 @@ void DriverHushCNCReaderWriter::startLoopRead(QStringList addrList)
     m_lastFullBlock.clear();
     m_isStopLoopRead = false;
     m_addrList = addrList;
+    fenceOldStream();
     sendTxBufForRead(packReadBytesCmd());
     loopRead();
+}
+
+// Responses carry no list identity but their count record, which a cycle checks against the
+// list it asked for. After a drain that gave up, the controller may still be streaming the list
+// of the last request, and a frame of it that starts before the controller has taken the next
+// request is on the line after that request; when the new list has the same count, such a frame
+// would pass for the new list's response and put another screen's values on this one. So the
+// old stream is fenced off first: a request for a short list of another count, and an immediate
+// cycle that waits for a response of that count. Once one has arrived the controller has taken a
+// request after the old list, and from then on a response of the new count can only answer the
+// new list's request. This adds a request and its answer to the exchange, only on a line whose
+// drain gave up. A fence that is not confirmed raises the time-out, as any silent line does, and
+// the new request goes out anyway.
+void DriverHushCNCReaderWriter::fenceOldStream()
+{
+    const bool drainGaveUp = m_drainGaveUp.exchange(false);
+    const int n = m_addrList.size();
+    // An empty list has no values that could be wrong.
+    if (!drainGaveUp || n == 0 || n != m_lastRequestCount)
+        return;
+    const QStringList list = m_addrList;
+    // The first name once, or twice for a list of one: a count the new list does not have.
+    m_addrList = QStringList(list.first());
+    if (n == 1)
+        m_addrList << list.first();
+    qCDebug(lcHustDriver) << "the old list may still stream: fencing it off with a request for"
+                          << m_addrList.size() << "addresses";
+    sendTxBufForRead(packReadBytesCmd());
+    // The rest of an old frame comes first: the cycle's failed attempts are sized to its length.
+    QByteArray fence;
+    readCycle(true, &fence, n);
+    if (fence.isEmpty())
+        qCDebug(lcHustDriver) << "fence not confirmed; sending the request anyway";
+    m_addrList = list;
 }
 
 void DriverHushCNCReaderWriter::writeDWord(QString address, int dwordLength, QByteArray writeData)
@@ -324,9 +360,11 @@ void DriverHushCNCReaderWriter::checkRxBufAndExit()
     QThread::msleep(Pause::DrainStart);
     int passes = 0;
     int empties = 0;
+    bool quiet = false;
     for (;;) {
         if (waitingBytes(port) <= 0) {
-            if (empties > Count::DrainQuietQueries)
+            quiet = empties > Count::DrainQuietQueries;
+            if (quiet)
                 break;
             ++empties;
         }
@@ -342,6 +380,7 @@ void DriverHushCNCReaderWriter::checkRxBufAndExit()
         }
     }
     discardReceived(port);
+    m_drainGaveUp = !quiet;
 }
 
 void DriverHushCNCReaderWriter::packDWordList(const QByteArray &baData, QVector<DWORD> &dwords,
@@ -376,6 +415,8 @@ void DriverHushCNCReaderWriter::sendTxBufForRead(const QByteArray &tx_buf)
     discardReceived(port);
     HustFrames::writeInPieces(port, tx_buf);
     m_cmdJustSent = true;
+    // Every request sent is the one for m_addrList.
+    m_lastRequestCount = m_addrList.size();
     // Whatever was carried belongs to the stream this request replaces.
     m_carried.clear();
 }
@@ -438,6 +479,11 @@ QByteArray DriverHushCNCReaderWriter::packReadBytesCmd()
 // A loop cycle starts from the bytes carried from the cycle before (takeBacklog()).
 void DriverHushCNCReaderWriter::readFromCNCController(bool isResponse, QByteArray *response)
 {
+    readCycle(isResponse, response, m_addrList.size());
+}
+
+void DriverHushCNCReaderWriter::readCycle(bool isResponse, QByteArray *response, int ahead)
+{
     const int n = m_addrList.size();
     if (!m_readInterface || n > HustFrames::MaxAddressCount) {
         qCDebug(lcHustDriver) << "read cycle refused:" << n << "addresses"
@@ -450,6 +496,7 @@ void DriverHushCNCReaderWriter::readFromCNCController(bool isResponse, QByteArra
     c.isResponse = isResponse;
     c.count = n;
     c.rxBufSize = calculateRxBufSize();
+    c.attemptLimit = std::max(2 * std::max(n, ahead), Count::LeastGiveUpLimit);
     c.matcher = &matcherFor(n, !isResponse && m_lastFullBlock.size() / 4 == n);
     if (!isResponse)
         c.rxBuf.swap(m_carried);
@@ -591,7 +638,7 @@ DriverHushCNCReaderWriter::Step DriverHushCNCReaderWriter::attemptFailed(ReadCyc
         c.tmpSize = c.rxBufSize + 10 - (c.rxBuf.size() - p);
         c.rxBuf.remove(0, p);
     }
-    if (c.loop > std::max(2 * c.count, Count::LeastGiveUpLimit))
+    if (c.loop > c.attemptLimit)
         return Step::End;
     ++c.loop;
     c.backward = true;

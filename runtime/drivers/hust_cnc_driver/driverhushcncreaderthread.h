@@ -113,6 +113,7 @@ private:
         int emptyReads = 0; // empty reads since the start or the last restart they caused
         int restarts = 0;
         int silentRestarts = 0; // restarts for a silent line
+        int attemptLimit = 0; // failed match attempts after which the cycle gives up
         bool backward = false; // a match attempt has failed: search backward from now on
         HustFrames::ResponseMatcher *matcher = nullptr;
     };
@@ -120,6 +121,11 @@ private:
     // end the cycle.
     enum class Step { Go, Again, End };
 
+    // One read cycle; failed match attempts are allowed for frames of `ahead` addresses, the
+    // longer of the list asked for and one whose frames may still arrive before the answer.
+    void readCycle(bool isResponse, QByteArray *response, int ahead);
+    // Before a request for a new list: see the definition.
+    void fenceOldStream();
     // The steps of a cycle, in order.
     Step receive(ReadCycle &c);
     void dropBeforeFirstFrame(ReadCycle &c);
@@ -180,6 +186,11 @@ private:
         quint64 frameStarts;
     };
     QVector<BitWrite> m_bitWritesWaiting;
+    // Addresses of the last read request sent, -1 before the first (worker's thread only).
+    int m_lastRequestCount = -1;
+    // The last drain gave up with data still arriving: the controller may still be streaming
+    // the list of the last request. Written by drains in the driver's and the worker's thread.
+    std::atomic<bool> m_drainGaveUp {false};
 
 public:
     // Shared with the driver's thread: the driver sets the stop flag through stopLoopRead() and
