@@ -385,9 +385,12 @@ private slots:
             for (const QByteArray &c : chunks)
                 f.port.queueRead(c);
         }
-        f.port.setResponder([&underWay, answer, count](ScriptedPort &p, const QByteArray &written) {
+        DriverHushCNCReaderWriter &worker = f.worker;
+        f.port.setResponder([&, answer, count](ScriptedPort &p, const QByteArray &written) {
             if (!written.startsWith(kRequestHead))
                 return;
+            // From the start of a switch the driver sees a cycle under way and asks for no more.
+            QVERIFY(mode != Switch || worker.m_isLoopReading);
             const int asked = written.mid(kRequestHead.size() + 1, 2).toInt();
             const QByteArray reply = asked == count
                 ? answer

@@ -212,6 +212,9 @@ void DriverHushCNCReaderWriter::startLoopRead(QStringList addrList)
     m_lastFullBlock.clear();
     m_isStopLoopRead = false;
     m_addrList = addrList;
+    // A fence on a line that has gone silent takes as long as a cycle: the driver is to see a
+    // cycle under way meanwhile, not queue further ones behind it.
+    m_isLoopReading = true;
     fenceOldStream();
     sendTxBufForRead(packReadBytesCmd());
     loopRead();
