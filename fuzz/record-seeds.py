@@ -95,6 +95,17 @@ def script(groups):
     return bytes(out)
 
 
+def provider_input(received, sizes, excluded):
+    """The TxPackage target's encoding (libFuzzer's FuzzedDataProvider: strings from the front,
+    numbers from the back): received bytes, then a section list, then a check sum."""
+    front = received.replace(b"\\", b"\\\\") + b"\\;"
+    back = [5, 6, len(sizes)]  # in the order they are taken, so laid out reversed
+    for size in sizes:
+        back += [size + 12, 0]
+    back += [9, 0, excluded + 4]
+    return front + bytes(reversed(back))
+
+
 def answer_groups(events, is_request):
     """The controller's reads after each request that is_request() picks, one group each."""
     groups = None
@@ -109,7 +120,7 @@ def answer_groups(events, is_request):
 # The targets whose seeds this script writes; their folders are emptied before it writes them.
 TARGETS = [
     "fuzz_simparser", "fuzz_gcode", "fuzz_commands", "fuzz_hustctl", "fuzz_matcher",
-    "fuzz_readcycle"
+    "fuzz_readcycle", "fuzz_txpackage"
 ]
 
 
@@ -144,6 +155,12 @@ def write_seeds(name, args, frames, events):
         reads = script([[chunk[:2000] for chunk in g] for g in groups[:4]])
         save("fuzz_readcycle", name + "-loop", bytes([n, 12]) + reads[:6000])
         save("fuzz_readcycle", name + "-immediate", bytes([n, 1]) + reads[:6000])
+        # TxPackage: the first answer as received bytes, a section list laid over its frame
+        # layout (a reference to the "v" record's section in place of the first value's), and
+        # the check sum over all but the closing bytes.
+        frame = stream[max(stream.find(DC2), 0):][:256]
+        sizes = [1, 2, 6, 10, 4] + [-4 if i == 0 else 10 for i in range(min(n, 14))] + [1, 1]
+        save("fuzz_txpackage", name, provider_input(frame, sizes, 2))
     # Command records: the reads and writes that put these frames on the line.
     commands = []
     for f in frames:
