@@ -440,34 +440,43 @@ private slots:
             QCOMPARE(f.port.readCalls(), readCalls);
     }
 
-    // An immediate read on a silent line, or on one held in break (reads bring NUL bytes), ends
-    // after three restarts, so that its caller is never held for long. It stops the stream
-    // before asking and leaves the loop state alone.
-    void immediateReadOnSilentLine_data()
+    // A read cycle on a silent line, or on one held in break (reads bring NUL bytes), ends
+    // after three restarts, so that an immediate read's caller is never held for long and a loop
+    // cycle never holds the worker's thread. An immediate read stops the stream before asking and
+    // leaves the loop state alone; a loop cycle ends with one more restart, so that a link that
+    // came back is answered from the next cycle on.
+    void cycleOnSilentLine_data()
     {
+        QTest::addColumn<bool>("loop");
         QTest::addColumn<QByteArray>("idleRead");
-        QTest::newRow("silent") << QByteArray();
-        QTest::newRow("held in break") << QByteArray(4, '\0');
+        QTest::newRow("immediate, silent") << false << QByteArray();
+        QTest::newRow("immediate, held in break") << false << QByteArray(4, '\0');
+        QTest::newRow("loop cycle, silent") << true << QByteArray();
     }
 
-    void immediateReadOnSilentLine()
+    void cycleOnSilentLine()
     {
+        QFETCH(bool, loop);
         QFETCH(QByteArray, idleRead);
         Fixture f;
         f.port.setIdleRead(idleRead);
         QSignalSpy timeoutSpy(&f.worker, &DriverHushCNCReaderWriter::setReadLoopTimeoutError);
         QByteArray response("untouched");
+        const QByteArray request("\x12%\rO9000\rN0\rv02\rd00010\rd00011\r%\x14");
 
-        f.worker.getAddrValRightaway(names(2, 10), quintptr(&response));
+        if (loop)
+            f.worker.startLoopRead(names(2, 10)); // sends the request and runs the first cycle
+        else
+            f.worker.getAddrValRightaway(names(2, 10), quintptr(&response));
 
-        QCOMPARE(response, QByteArray("untouched"));
         // Each of the three restarts and the end raise the time-out, and so does the 16th empty
         // read after each restart.
         QCOMPARE(timeoutSpy.count(), 4 + 3);
-        QCOMPARE(f.port.writes().value(0), kStopFrame);
-        QCOMPARE(f.port.writes().count("\x12%\rO9000\rN0\rv02\rd00010\rd00011\r%\x14"), 1 + 3);
+        QCOMPARE(f.port.writes().value(0), loop ? request : kStopFrame);
+        QCOMPARE(f.port.writes().count(request), 1 + 3 + (loop ? 1 : 0));
         QCOMPARE(f.port.readCalls(), 4 * 32);
-        QVERIFY(f.worker.m_isStopLoopRead);
+        QCOMPARE(response, QByteArray("untouched"));
+        QCOMPARE(bool(f.worker.m_isStopLoopRead), !loop);
         QVERIFY(!f.worker.m_isLoopReading);
     }
 

@@ -582,6 +582,12 @@ DriverHushCNCReaderWriter::Step DriverHushCNCReaderWriter::receive(ReadCycle &c)
             emit setReadLoopTimeoutError();
             if (c.restarts++ >= Count::MaxRestarts) {
                 qCDebug(lcHustDriver) << "read cycle: the controller stays silent, giving up";
+                // A loop cycle still makes the restart this empty read calls for, so that the
+                // next cycle starts with a request on the line. Otherwise a link that came back
+                // during the cycle would wait out the rest of it and another count of empty
+                // reads before the request went out again.
+                if (!c.isResponse)
+                    restart(c);
                 return Step::End;
             }
             restart(c);
