@@ -480,6 +480,33 @@ private slots:
         QVERIFY(!f.worker.m_isLoopReading);
     }
 
+    // A lost link fails the port's writes. The request is written again at each empty read, so
+    // the first answer after the link's return is delivered in the same cycle, not after the
+    // next restart.
+    void requestWrittenAgainAfterFailedWrite()
+    {
+        Fixture f;
+        DriverHushCNC driver;
+        f.worker.setDriverInterface(&driver);
+        const QByteArray request("\x12%\rO9000\rN0\rv02\rd00010\rd00011\r%\x14");
+        int requests = 0;
+        f.port.setWriteResult(0);
+        f.port.setResponder([&requests, &request](ScriptedPort &port, const QByteArray &bytes) {
+            if (bytes != request)
+                return;
+            if (++requests == 3)
+                port.setWriteResult(-1); // the link is back from the next write on
+            else if (requests == 4)
+                port.queueRead(responseFrame("00000001", QList<quint32> {5, 6}));
+        });
+
+        f.worker.startLoopRead(names(2, 10));
+
+        QCOMPARE(DriverHushCNCTestAccess::blockData(driver), block({5, 6}));
+        QCOMPARE(requests, 4);
+        QCOMPARE(f.port.readCalls(), 3 + 1);
+    }
+
     // Under the lenient pattern (a full last block for the same list) short values are taken
     // from the last full block; such a block reaches the driver but does not replace the last
     // full block. A last block of another list leaves the strict pattern, which refuses them.

@@ -416,7 +416,7 @@ void DriverHushCNCReaderWriter::sendTxBufForRead(const QByteArray &tx_buf)
     if (!port || tx_buf.isEmpty())
         return;
     discardReceived(port);
-    HustFrames::writeInPieces(port, tx_buf);
+    m_requestUnsent = !HustFrames::writeInPieces(port, tx_buf);
     m_cmdJustSent = true;
     // Every request sent is the one for m_addrList.
     m_lastRequestCount = m_addrList.size();
@@ -566,6 +566,11 @@ DriverHushCNCReaderWriter::Step DriverHushCNCReaderWriter::receive(ReadCycle &c)
     // bounded on it.
     const int appended = bytesBeforeNul(m_rxChunk, got);
     if (appended == 0) {
+        // A request the port failed to write (the link was lost) is written again at every empty
+        // read, so that a link that comes back is asked at once rather than at the next restart,
+        // up to a count of empty reads later. A port that takes its writes never gets here.
+        if (m_requestUnsent && !(m_isLoopCycle && m_isStopLoopRead))
+            sendTxBufForRead(packReadBytesCmd());
         // The empty-read rule: the 32nd empty read since the cycle began or since the last
         // restart raises the time-out and restarts the exchange; the cycle ends instead once it
         // has used up its restarts.

@@ -188,6 +188,8 @@ private:
     QVector<BitWrite> m_bitWritesWaiting;
     // Addresses of the last read request sent, -1 before the first (worker's thread only).
     int m_lastRequestCount = -1;
+    // The port did not take the last read request whole (worker's thread only).
+    bool m_requestUnsent = false;
     // The last drain gave up with data still arriving: the controller may still be streaming
     // the list of the last request. Written by drains in the driver's and the worker's thread.
     std::atomic<bool> m_drainGaveUp {false};

@@ -197,14 +197,17 @@ QByteArray burnFrame()
     return frameTail(frame);
 }
 
-void writeInPieces(AbstractDeviceInterface *port, const QByteArray &frame)
+bool writeInPieces(AbstractDeviceInterface *port, const QByteArray &frame)
 {
+    bool whole = true;
     int offset = 0;
     while (offset + MaxTxPieceSize < frame.size()) {
-        port->writeData(frame.constData() + offset, MaxTxPieceSize);
+        whole &= port->writeData(frame.constData() + offset, MaxTxPieceSize) == MaxTxPieceSize;
         offset += MaxTxPieceSize;
     }
-    port->writeData(frame.constData() + offset, frame.size() - offset);
+    const int last = frame.size() - offset;
+    whole &= port->writeData(frame.constData() + offset, last) == last;
+    return whole;
 }
 
 QString responsePattern(int n, bool lenient)

@@ -49,8 +49,9 @@ QByteArray programDataFrame(const QByteArray &text);
 QByteArray burnFrame();
 
 // Writes a frame in consecutive pieces of at most MaxTxPieceSize bytes, without a pause; the
-// last piece may be a full one. Write results are not examined.
-void writeInPieces(AbstractDeviceInterface *port, const QByteArray &frame);
+// last piece may be a full one. Every piece is written whatever the port reports; the result
+// says whether it took them all whole.
+bool writeInPieces(AbstractDeviceInterface *port, const QByteArray &frame);
 
 // Size of one response for n addresses.
 inline int responseSize(int n)
