@@ -568,7 +568,7 @@ DriverHushCNCReaderWriter::Step DriverHushCNCReaderWriter::receive(ReadCycle &c)
     if (appended == 0) {
         // A request the port failed to write (the link was lost) is written again at every empty
         // read, so that a link that comes back is asked at once rather than at the next restart,
-        // up to a count of empty reads later. A port that takes its writes never gets here.
+        // up to a count of empty reads later. On a port that takes its writes this never happens.
         if (m_requestUnsent && !(m_isLoopCycle && m_isStopLoopRead))
             sendTxBufForRead(packReadBytesCmd());
         // The empty-read rule: the 32nd empty read since the cycle began or since the last
