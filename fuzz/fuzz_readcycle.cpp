@@ -142,7 +142,10 @@ quint32 valueOf(const QByteArray &text)
 
 // The d records of every response for n addresses in the stream, from its H and count records
 // on, as far as they go (at most n): a frame the stream ends in, or a loss cuts, has fewer.
-QList<QList<QByteArray>> responses(const QByteArray &s, int n)
+// With `tails`, a run of more than n records that ends a frame ("%" DC4) also counts its last n
+// records as a response: only a frame whose head was lost between two frames makes such a run,
+// and counted from the frame's end its records are those of the second frame's addresses.
+QList<QList<QByteArray>> responses(const QByteArray &s, int n, bool tails)
 {
     QList<QList<QByteArray>> found;
     const QByteArray count = QByteArray::number(n).rightJustified(2, '0');
@@ -153,9 +156,11 @@ QList<QList<QByteArray>> responses(const QByteArray &s, int n)
             continue;
         pos += 4;
         QList<QByteArray> texts;
-        for (int size; texts.size() < n && (size = record(s, pos, 'd', &value)) > 0; pos += size)
+        for (int size; (size = record(s, pos, 'd', &value)) > 0; pos += size)
             texts << value;
-        found << texts;
+        found << texts.mid(0, n);
+        if (tails && texts.size() > n && s.mid(pos, 2) == "%\x14")
+            found << texts.mid(texts.size() - n);
     }
     return found;
 }
@@ -168,7 +173,7 @@ void checkBlock(const QByteArray &block, const QByteArray &stream, int n, bool i
     check(block.size() == 4 * n);
     const auto valueAt
         = [&block](int i) { return qFromLittleEndian<quint32>(block.constData() + 4 * i); };
-    const QList<QList<QByteArray>> found = responses(stream, n);
+    const QList<QList<QByteArray>> found = responses(stream, n, !immediate);
     if (immediate) {
         for (const QList<QByteArray> &texts : found) {
             bool same = texts.size() == n;
